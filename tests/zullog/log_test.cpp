@@ -1,0 +1,124 @@
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "utils/log.h"
+#include "zullog/zullog.h"
+
+namespace {
+
+class CaptureSink : public zullog::AbstractLogger {
+ public:
+  explicit CaptureSink(int level) : level_(level) {}
+  bool IsEnabledFor(int severity) const override { return severity >= level_; }
+  void Write(const std::shared_ptr<zullog::LogRecord>& record) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.push_back(record->Text());
+    severities_.push_back(record->GetSeverity());
+  }
+  std::vector<std::string> Lines() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
+  }
+  std::vector<int> Severities() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return severities_;
+  }
+
+ private:
+  int level_;
+  std::mutex mutex_;
+  std::vector<std::string> lines_;
+  std::vector<int> severities_;
+};
+
+class Logging : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    zullog::SetSink(nullptr);
+    zullog::SetLoggingForbidden(false);
+  }
+};
+
+int Expensive(int* calls) {
+  ++*calls;
+  return 42;
+}
+
+TEST_F(Logging, RecordsCarryModulePrefixAndAreFormattedOnlyWhenAccepted) {
+  auto sink = std::make_shared<CaptureSink>(zullog::SeverityInfo);
+  zullog::SetSink(sink);
+  int calls = 0;
+  CORVANE_LOG(zul_log_logger__utils(), zullog::SeverityTrace, "utils") << Expensive(&calls);
+  EXPECT_EQ(calls, 0);
+  CORVANE_LOG(zul_log_logger__lua(), zullog::SeverityInfo, "lua") << "value " << Expensive(&calls);
+  EXPECT_EQ(calls, 1);
+  ASSERT_EQ(sink->Lines(), std::vector<std::string>{"<lua> value 42"});
+  EXPECT_EQ(sink->Severities(), std::vector<int>{zullog::SeverityInfo});
+}
+
+TEST_F(Logging, ForbiddenLoggingWritesNothing) {
+  auto sink = std::make_shared<CaptureSink>(zullog::SeverityTrace);
+  zullog::SetSink(sink);
+  zullog::SetLoggingForbidden(true);
+  EXPECT_TRUE(zullog::IsLoggingForbidden());
+  EXPECT_FALSE(zul_log_logger__utils()->IsEnabledFor(zullog::SeverityError));
+  CORVANE_LOG(zul_log_logger__utils(), zullog::SeverityError, "utils") << "dropped";
+  zul_log_logger__utils()->Write(std::make_shared<zullog::LogRecord>(zullog::SeverityError));
+  EXPECT_TRUE(sink->Lines().empty());
+}
+
+TEST_F(Logging, TraceScopeWritesEnterAndLeave) {
+  auto sink = std::make_shared<CaptureSink>(zullog::SeverityTrace);
+  zullog::SetSink(sink);
+  {
+    utils::TraceScope scope(zul_log_logger__utils(), "utils::impl::Socket", "Connect");
+    CORVANE_LOG(zul_log_logger__utils(), zullog::SeverityInfo, "utils::impl::Socket") << "inside";
+  }
+  EXPECT_EQ(sink->Lines(), (std::vector<std::string>{
+                               "<utils::impl::Socket> Enter scope `Connect' >>>",
+                               "<utils::impl::Socket> inside",
+                               "<utils::impl::Socket> Leave scope `Connect' <<<"}));
+}
+
+TEST_F(Logging, SinkCanBeReplacedWhileOtherThreadsWrite) {
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> writers;
+  for (int t = 0; t < 4; ++t) {
+    writers.emplace_back([&stop, t] {
+      while (!stop.load()) {
+        CORVANE_LOG(zul_log_logger__utils(), zullog::SeverityError, "utils") << "thread " << t;
+      }
+    });
+  }
+  std::vector<std::shared_ptr<CaptureSink>> sinks;
+  for (int i = 0; i < 200; ++i) {
+    sinks.push_back(std::make_shared<CaptureSink>(zullog::SeverityTrace));
+    zullog::SetSink(sinks.back());
+  }
+  stop = true;
+  for (auto& w : writers) w.join();
+  for (const auto& s : sinks) {
+    for (const auto& line : s->Lines()) EXPECT_EQ(line.rfind("<utils> thread ", 0), 0u);
+  }
+}
+
+TEST_F(Logging, DefaultSinkWritesOneLinePerRecordToStderr) {
+  zullog::SetSink(nullptr);
+  ::testing::internal::CaptureStderr();
+  CORVANE_LOG(zul_log_logger__utils(), zullog::SeverityError, "utils") << "first";
+  CORVANE_LOG(zul_log_logger__utils(), zullog::SeverityError, "utils") << "second";
+  std::string out = ::testing::internal::GetCapturedStderr();
+  // "YYYY-MM-DDTHH:MM:SS.mmmZ ERROR <utils> first\n..."
+  ASSERT_EQ(std::count(out.begin(), out.end(), '\n'), 2);
+  EXPECT_NE(out.find("Z ERROR <utils> first\n"), std::string::npos);
+  EXPECT_NE(out.find("Z ERROR <utils> second\n"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,34 @@
+// utils::ThreadMutex: a plain (non-recursive) mutex with a scoped lock.
+#pragma once
+
+#include <mutex>
+
+#include "utils/noncopyable.h"
+
+namespace utils {
+
+class ThreadMutex : private Noncopyable {
+ public:
+  void Lock() { mutex_.lock(); }
+  bool TryLock() { return mutex_.try_lock(); }
+  void Unlock() { mutex_.unlock(); }
+
+  // BasicLockable, so std::lock_guard and std::unique_lock work too.
+  void lock() { Lock(); }
+  bool try_lock() { return TryLock(); }
+  void unlock() { Unlock(); }
+
+  class ScopedLock : private Noncopyable {
+   public:
+    explicit ScopedLock(ThreadMutex& mutex) : mutex_(mutex) { mutex_.Lock(); }
+    ~ScopedLock() { mutex_.Unlock(); }
+
+   private:
+    ThreadMutex& mutex_;
+  };
+
+ private:
+  std::mutex mutex_;
+};
+
+}  // namespace utils
