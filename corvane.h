@@ -7,3 +7,4 @@
 #include "utils/log.h"
 #include "utils/noncopyable.h"
 #include "utils/thread_mutex.h"
+#include "utils/time.h"
