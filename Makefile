@@ -3,6 +3,7 @@
 
 BUILD      ?= build
 SAN_BUILD  ?= build-asan
+TSAN_BUILD ?= build-tsan
 FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 30
 JOBS       ?= $(shell nproc)
@@ -10,7 +11,7 @@ CMAKE_ARGS ?=
 
 CTEST = ctest --output-on-failure --no-tests=error -j $(JOBS)
 
-.PHONY: all deps configure build run test test-main test-sanitize bench fuzz clean
+.PHONY: all deps configure build run test test-main test-sanitize test-tsan bench fuzz clean
 
 all: build
 
@@ -28,7 +29,7 @@ build: deps configure
 run: build
 	@scripts/run-example $(BUILD)
 
-test: test-main test-sanitize
+test: test-main test-sanitize test-tsan
 
 test-main: build
 	cd $(BUILD) && $(CTEST)
@@ -41,6 +42,14 @@ test-sanitize: deps
 	cmake --build $(SAN_BUILD) -j $(JOBS)
 	cd $(SAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 $(CTEST) -L unit
+
+# The cross-thread tests (marked TSAN in their CMakeLists) under ThreadSanitizer.
+test-tsan: deps
+	cmake -S . -B $(TSAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCORVANE_SANITIZE=thread -DCORVANE_BUILD_TOOLS=OFF $(CMAKE_ARGS)
+	cmake --build $(TSAN_BUILD) -j $(JOBS)
+	cd $(TSAN_BUILD) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	  ctest --output-on-failure -j $(JOBS)
 
 bench: deps
 	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCORVANE_BUILD_BENCH=ON $(CMAKE_ARGS)
@@ -56,4 +65,4 @@ fuzz: deps
 	@scripts/run-fuzzers $(FUZZ_BUILD) $(FUZZ_SECONDS)
 
 clean:
-	rm -rf $(BUILD) $(SAN_BUILD) $(FUZZ_BUILD)
+	rm -rf $(BUILD) $(SAN_BUILD) $(TSAN_BUILD) $(FUZZ_BUILD)

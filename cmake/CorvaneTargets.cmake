@@ -20,11 +20,15 @@ function(corvane_layer)
   set_property(GLOBAL APPEND PROPERTY CORVANE_LAYERS ${L_NAME})
 endfunction()
 
-# corvane_test(NAME <exe> SOURCES ... LABEL unit|integration|script [DEPS ...])
+# corvane_test(NAME <exe> SOURCES ... LABEL unit|integration [TSAN] [DEPS ...])
 # A GoogleTest executable linked to the shared library; each test case becomes
-# its own CTest entry so failures are reported by name.
+# its own CTest entry so failures are reported by name. TSAN marks the
+# cross-thread tests: a ThreadSanitizer tree builds and runs only those.
 function(corvane_test)
-  cmake_parse_arguments(T "" "NAME;LABEL" "SOURCES;DEPS" ${ARGN})
+  cmake_parse_arguments(T "TSAN" "NAME;LABEL" "SOURCES;DEPS" ${ARGN})
+  if(CORVANE_SANITIZE STREQUAL "thread" AND NOT T_TSAN)
+    return()
+  endif()
   add_executable(${T_NAME} ${T_SOURCES})
   target_link_libraries(${T_NAME} PRIVATE corvane GTest::gtest GTest::gmock GTest::gtest_main
                         Threads::Threads ${T_DEPS})
