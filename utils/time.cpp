@@ -25,4 +25,63 @@ void Sleep(uint32_t ms) {
   }
 }
 
+namespace {
+
+// Whether the format uses conversion `spec`, skipping literal "%%".
+bool HasConversion(const std::string& format, char spec) {
+  for (size_t i = 0; i + 1 < format.size(); ++i) {
+    if (format[i] != '%') continue;
+    ++i;
+    // Skip the E and O modifiers and a field width (glibc accepts both).
+    while (i < format.size() && (format[i] == 'E' || format[i] == 'O' ||
+                                 (format[i] >= '0' && format[i] <= '9'))) {
+      ++i;
+    }
+    if (i < format.size() && format[i] == spec) return true;
+  }
+  return false;
+}
+
+bool IsLeapYear(long year) {
+  return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+}
+
+// strptime checks %d against 1..31 only.
+bool DayExistsInMonth(const struct tm& tm) {
+  static const int kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  if (tm.tm_mon < 0 || tm.tm_mon > 11 || tm.tm_mday < 1) return false;
+  long year = 1900L + tm.tm_year;
+  int days = kDays[tm.tm_mon] + (tm.tm_mon == 1 && IsLeapYear(year) ? 1 : 0);
+  return tm.tm_mday <= days;
+}
+
+}  // namespace
+
+int64_t ParseTime(const std::string& text, const std::string& format, bool utc) {
+  struct tm tm = {};
+  // A format without a day still names a valid date (the 1st), and a local
+  // time left at -1 lets mktime find out whether daylight saving applies.
+  tm.tm_mday = 1;
+  tm.tm_isdst = -1;
+  const char* end = strptime(text.c_str(), format.c_str(), &tm);
+  // Also rejects text with an embedded NUL, where strptime stops early.
+  if (end == nullptr || end != text.c_str() + text.size()) return -1;
+  if (!DayExistsInMonth(tm)) return -1;
+
+  time_t seconds;
+  if (HasConversion(format, 's')) {
+    // glibc turns %s into local broken-down time, daylight flag included.
+    seconds = mktime(&tm);
+  } else if (HasConversion(format, 'z')) {
+    long offset = tm.tm_gmtoff;
+    seconds = timegm(&tm);
+    if (seconds == static_cast<time_t>(-1)) return -1;
+    seconds -= offset;
+  } else {
+    seconds = utc ? timegm(&tm) : mktime(&tm);
+  }
+  if (seconds < 0) return -1;
+  return static_cast<int64_t>(seconds) * 1000;
+}
+
 }  // namespace utils

@@ -15,4 +15,14 @@ int64_t GetLocalTimeInMs();
 // Sleeps for the whole duration, resuming after signals.
 void Sleep(uint32_t ms);
 
+// Parses `text` with a strptime(3) format and returns milliseconds since the
+// epoch, reading the fields as UTC when `utc` is true and as the process's local
+// time zone (TZ) otherwise. The whole text must match; a day the month does not
+// have (Feb 30) is rejected rather than rolled over. Local times let mktime
+// decide daylight saving: a time inside a spring-forward gap moves forward by
+// the gap, a repeated fall-back hour takes mktime's choice. An explicit offset
+// (%z) overrides `utc`; %s is already absolute. Returns -1 on failure, and
+// times before the epoch count as failures because negative means failure.
+int64_t ParseTime(const std::string& text, const std::string& format, bool utc);
+
 }  // namespace utils

@@ -1,0 +1,183 @@
+#include "utils/base64.h"
+
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+
+#include "utils/internal/base64_codec.h"
+
+namespace {
+
+using utils::impl::Base64Path;
+
+std::vector<Base64Path> AvailablePaths() {
+  std::vector<Base64Path> paths;
+  for (Base64Path path : {Base64Path::kScalar, Base64Path::kSsse3, Base64Path::kAvx2}) {
+    if (utils::impl::Base64PathAvailable(path)) paths.push_back(path);
+  }
+  return paths;
+}
+
+const char* PathName(Base64Path path) {
+  switch (path) {
+    case Base64Path::kScalar:
+      return "scalar";
+    case Base64Path::kSsse3:
+      return "ssse3";
+    case Base64Path::kAvx2:
+      return "avx2";
+  }
+  return "?";
+}
+
+std::string EncodeWith(Base64Path path, const std::string& data) {
+  std::string text(utils::Base64EncodedSize(data.size()), '\0');
+  size_t n = utils::impl::Base64EncodeWith(path, reinterpret_cast<const uint8_t*>(data.data()),
+                                           data.size(), &text[0]);
+  EXPECT_EQ(n, text.size());
+  return text;
+}
+
+// The decoded bytes, or nullopt-like failure reported through `ok`.
+std::string DecodeWith(Base64Path path, const std::string& text, bool* ok) {
+  std::vector<uint8_t> out(utils::Base64DecodedMaxSize(text.size()) + 1);
+  size_t size = 0;
+  *ok = utils::impl::Base64DecodeStrictWith(path, text.data(), text.size(), out.data(), &size);
+  return *ok ? std::string(out.begin(), out.begin() + size) : std::string();
+}
+
+std::string RandomBytes(std::mt19937* rng, size_t size) {
+  std::string bytes(size, '\0');
+  for (char& c : bytes) c = static_cast<char>((*rng)() & 0xff);
+  return bytes;
+}
+
+std::string OpenSslEncode(const std::string& data) {
+  std::vector<unsigned char> out(utils::Base64EncodedSize(data.size()) + 1);
+  int n = EVP_EncodeBlock(out.data(), reinterpret_cast<const unsigned char*>(data.data()),
+                          static_cast<int>(data.size()));
+  return std::string(out.begin(), out.begin() + n);
+}
+
+TEST(Base64, Rfc4648VectorsOnEveryPath) {
+  const std::pair<std::string, std::string> vectors[] = {
+      {"", ""},         {"f", "Zg=="},         {"fo", "Zm8="},       {"foo", "Zm9v"},
+      {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"},
+  };
+  for (Base64Path path : AvailablePaths()) {
+    for (const auto& [plain, encoded] : vectors) {
+      EXPECT_EQ(EncodeWith(path, plain), encoded) << PathName(path);
+      bool ok = false;
+      EXPECT_EQ(DecodeWith(path, encoded, &ok), plain) << PathName(path) << " " << encoded;
+      EXPECT_TRUE(ok);
+    }
+  }
+  EXPECT_EQ(utils::Base64Encode(std::string("Hi")), "SGk=");
+}
+
+TEST(Base64, EveryLengthMatchesOpenSslAndRoundTrips) {
+  std::mt19937 rng(7);
+  // Long enough for several vector blocks plus every tail length.
+  for (size_t size = 0; size <= 200; ++size) {
+    std::string data = RandomBytes(&rng, size);
+    std::string expected = OpenSslEncode(data);
+    for (Base64Path path : AvailablePaths()) {
+      ASSERT_EQ(EncodeWith(path, data), expected) << PathName(path) << " size " << size;
+      bool ok = false;
+      ASSERT_EQ(DecodeWith(path, expected, &ok), data) << PathName(path) << " size " << size;
+      ASSERT_TRUE(ok);
+    }
+  }
+}
+
+TEST(Base64, PaddingRulesHoldWithAndWithoutAVectorPrefix) {
+  struct Case {
+    const char* text;
+    bool ok;
+    const char* plain;
+  };
+  const Case cases[] = {
+      {"Zg==", true, "f"},     {"Zg", true, "f"},        {"Zm8", true, "fo"},
+      {"Zh==", true, "f"},     {"Zg=", false, ""},        {"Zg===", false, ""},
+      {"Z", false, ""},        {"Z===", false, ""},       {"Zm9v=", false, ""},
+      {"=", false, ""},        {"==", false, ""},         {"Zm8==", false, ""},
+      {"Zg==Zg==", false, ""}, {"Zg=g", false, ""},       {"Zm9v\n", false, ""},
+  };
+  // 96 valid characters in front let the vector loops run before the tail.
+  const std::string prefix(96, 'A');
+  const std::string prefixBytes(72, '\0');
+  for (Base64Path path : AvailablePaths()) {
+    for (const Case& c : cases) {
+      for (bool withPrefix : {false, true}) {
+        std::string text = (withPrefix ? prefix : "") + c.text;
+        bool ok = false;
+        std::string plain = DecodeWith(path, text, &ok);
+        EXPECT_EQ(ok, c.ok) << PathName(path) << " " << text;
+        if (c.ok) {
+          EXPECT_EQ(plain, (withPrefix ? prefixBytes : std::string()) + c.plain);
+        }
+      }
+    }
+  }
+}
+
+TEST(Base64, StrictDecodeRejectsABadCharacterAtEveryPosition) {
+  std::mt19937 rng(11);
+  const std::string valid = utils::Base64Encode(RandomBytes(&rng, 150));  // 200, no padding
+  const char bad[] = {'*', '-', '_', '.', ' ', '\n', '\0', '\x80', '\xff', '@', '[', '`', '{',
+                      '=', ':', ','};
+  for (Base64Path path : AvailablePaths()) {
+    for (size_t pos = 0; pos < valid.size(); ++pos) {
+      for (char c : bad) {
+        // '=' in the last two places is well-formed padding.
+        if (c == '=' && pos + 2 >= valid.size()) continue;
+        std::string text = valid;
+        text[pos] = c;
+        bool ok = true;
+        DecodeWith(path, text, &ok);
+        ASSERT_FALSE(ok) << PathName(path) << " position " << pos << " char " << int(c);
+      }
+    }
+  }
+}
+
+TEST(Base64, SkipWhitespaceModeIgnoresOnlyWhitespace) {
+  std::mt19937 rng(5);
+  const std::string data = RandomBytes(&rng, 120);
+  const std::string valid = utils::Base64Encode(data);
+  for (size_t pos = 0; pos <= valid.size(); ++pos) {
+    std::string text = valid;
+    text.insert(pos, pos % 2 ? "\r\n" : " \t");
+    std::string out;
+    EXPECT_FALSE(utils::Base64Decode(text, &out));
+    EXPECT_TRUE(out.empty());
+    ASSERT_TRUE(utils::Base64Decode(text, &out, utils::Base64Mode::kSkipWhitespace)) << pos;
+    EXPECT_EQ(out, data);
+  }
+  std::string out;
+  EXPECT_TRUE(utils::Base64Decode("Zg==\n", nullptr, &out, utils::Base64Mode::kSkipWhitespace));
+  EXPECT_EQ(out, "f");
+  EXPECT_FALSE(utils::Base64Decode("Zm9v*", nullptr, &out, utils::Base64Mode::kSkipWhitespace));
+  EXPECT_FALSE(
+      utils::Base64Decode("Zg==\nZg==", nullptr, &out, utils::Base64Mode::kSkipWhitespace));
+}
+
+TEST(Base64, StringFormsHonourRangeEndsAndClearOnFailure) {
+  std::string out = "stale";
+  const char text[] = "SGk=garbage";
+  ASSERT_TRUE(utils::Base64Decode(text, text + 4, &out));
+  EXPECT_EQ(out, "Hi");
+  EXPECT_FALSE(utils::Base64Decode(text, nullptr, &out));
+  EXPECT_TRUE(out.empty());
+  ASSERT_TRUE(utils::Base64Decode(std::string("AAA=", 4), &out));
+  EXPECT_EQ(out, std::string(2, '\0'));
+  EXPECT_FALSE(utils::Base64Decode(std::string("AA\0=", 4), &out));
+  EXPECT_TRUE(utils::Base64Decode("", nullptr, &out));
+  EXPECT_TRUE(out.empty());
+}
+
+}  // namespace

@@ -1,0 +1,187 @@
+#include "utils/files.h"
+
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "utils/env.h"
+
+namespace {
+
+class TempDir : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "corvane-files-XXXXXX").string();
+    ASSERT_NE(::mkdtemp(&pattern[0]), nullptr);
+    dir_ = pattern;
+  }
+  void TearDown() override { std::filesystem::remove_all(dir_); }
+
+  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+  std::vector<std::string> Listing() const {
+    std::vector<std::string> names;
+    EXPECT_TRUE(utils::GetDirectoryContents(dir_, &names));
+    return names;
+  }
+
+  std::string dir_;
+};
+
+TEST_F(TempDir, AtomicWriteRoundTripsAndKeepsPermissions) {
+  const std::string path = Path("data.bin");
+  const std::string data("binary\0bytes\xff\n", 14);
+  ASSERT_TRUE(utils::WriteFileAtomically(path, data));
+  std::string read;
+  ASSERT_TRUE(utils::ReadFile(path, &read));
+  EXPECT_EQ(read, data);
+
+  ::chmod(path.c_str(), 0640);
+  ASSERT_TRUE(utils::WriteFileAtomically(path, "second"));
+  struct stat st;
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640u);
+  ASSERT_TRUE(utils::ReadFile(path, &read));
+  EXPECT_EQ(read, "second");
+  EXPECT_EQ(Listing(), std::vector<std::string>{"data.bin"});
+}
+
+TEST_F(TempDir, FailedWriteLeavesOldContentAndNoTemporaryFile) {
+  const std::string path = Path("state.json");
+  ASSERT_TRUE(utils::WriteFileAtomically(path, "old"));
+
+  // A file size limit makes write() fail half-way, even for root.
+  struct rlimit saved;
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+  auto previousHandler = ::signal(SIGXFSZ, SIG_IGN);
+  struct rlimit small = saved;
+  small.rlim_cur = 1024;
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+  std::string error;
+  bool written = utils::WriteFileAtomically(path, std::string(65536, 'x'), &error);
+  ::setrlimit(RLIMIT_FSIZE, &saved);
+  ::signal(SIGXFSZ, previousHandler);
+
+  EXPECT_FALSE(written);
+  EXPECT_NE(error.find("write("), std::string::npos) << error;
+  std::string read;
+  ASSERT_TRUE(utils::ReadFile(path, &read));
+  EXPECT_EQ(read, "old");
+  EXPECT_EQ(Listing(), std::vector<std::string>{"state.json"});
+
+  // A rename that cannot happen (a directory is in the way) also cleans up.
+  std::filesystem::create_directories(Path("taken/inner"));
+  EXPECT_FALSE(utils::WriteFileAtomically(Path("taken"), "data", &error));
+  EXPECT_NE(error.find("rename("), std::string::npos) << error;
+  EXPECT_EQ(Listing(), (std::vector<std::string>{"state.json", "taken"}));
+
+  EXPECT_FALSE(utils::WriteFileAtomically(Path("missing/file"), "data", &error));
+  EXPECT_NE(error.find(Path("missing")), std::string::npos) << error;
+  EXPECT_FALSE(utils::ReadFile(Path("absent"), &read, &error));
+  EXPECT_NE(error.find(Path("absent")), std::string::npos) << error;
+}
+
+TEST_F(TempDir, StatusChangesWhenTheFileIsReplaced) {
+  const std::string path = Path("script.lua");
+  EXPECT_FALSE(utils::GetStatus(path).exists);
+  ASSERT_TRUE(utils::WriteFileAtomically(path, "return 1"));
+  utils::FileStatus first = utils::GetStatus(path);
+  EXPECT_TRUE(first.exists);
+  EXPECT_EQ(first.size, 8u);
+  EXPECT_EQ(utils::GetStatus(path), first);
+  // Same size, written within the same clock tick: the new inode still shows.
+  ASSERT_TRUE(utils::WriteFileAtomically(path, "return 2"));
+  EXPECT_NE(utils::GetStatus(path), first);
+}
+
+TEST_F(TempDir, DirectoryListingIsSortedAndAppends) {
+  for (const char* name : {"b", ".hidden", "a"}) {
+    ASSERT_TRUE(utils::WriteFileAtomically(Path(name), ""));
+  }
+  std::filesystem::create_directory(Path("c"));
+  std::vector<std::string> names = {"kept"};
+  ASSERT_TRUE(utils::GetDirectoryContents(dir_, &names));
+  EXPECT_EQ(names, (std::vector<std::string>{"kept", ".hidden", "a", "b", "c"}));
+  EXPECT_FALSE(utils::GetDirectoryContents(Path("nope"), &names));
+  EXPECT_FALSE(utils::GetDirectoryContents(Path("a"), &names));
+  EXPECT_EQ(names.size(), 5u);
+}
+
+TEST(ExpandPath, ExpandsHomeAndVariablesButNothingElse) {
+  std::string savedHome;
+  bool hadHome = utils::GetEnv("HOME", &savedHome);
+  ASSERT_TRUE(utils::SetEnv("HOME", "/home/tester/"));
+  ASSERT_TRUE(utils::SetEnv("CORVANE_T_DIR", "value"));
+  ASSERT_TRUE(utils::SetEnv("CORVANE_T_REF", "$CORVANE_T_DIR"));
+  utils::UnsetEnv("CORVANE_T_UNSET");
+  const std::pair<const char*, const char*> cases[] = {
+      {"~", "/home/tester/"},
+      {"~/x/y", "/home/tester/x/y"},
+      {"a/~/b", "a/~/b"},
+      {"$CORVANE_T_DIR/x", "value/x"},
+      {"${CORVANE_T_DIR}x", "valuex"},
+      {"$CORVANE_T_DIRx", ""},  // the name runs to "x"
+      {"/a/$CORVANE_T_UNSET/b", "/a//b"},
+      {"$CORVANE_T_REF", "$CORVANE_T_DIR"},  // values are not expanded again
+      {"~/$CORVANE_T_DIR", "/home/tester/value"},
+      {"$", "$"},
+      {"a$", "a$"},
+      {"$1/x", "$1/x"},
+      {"${CORVANE_T_DIR", "${CORVANE_T_DIR"},
+      {"${}", "${}"},
+      {"${CORVANE-T}", "${CORVANE-T}"},
+      {"$(id)/`id`", "$(id)/`id`"},
+      {"*.lua", "*.lua"},
+      {"~corvane_no_such_user/x", "~corvane_no_such_user/x"},
+      {"", ""},
+  };
+  for (const auto& [in, out] : cases) EXPECT_EQ(utils::ExpandPath(in), out) << in;
+
+  ASSERT_TRUE(utils::SetEnv("HOME", "/"));
+  EXPECT_EQ(utils::ExpandPath("~/x"), "/x");
+  if (hadHome) {
+    utils::SetEnv("HOME", savedHome);
+  } else {
+    utils::UnsetEnv("HOME");
+  }
+  utils::UnsetEnv("CORVANE_T_DIR");
+  utils::UnsetEnv("CORVANE_T_REF");
+}
+
+TEST(DiskSpace, MatchesStatvfs) {
+  uint64_t total = 0, avail = 0, free = 0;
+  ASSERT_TRUE(utils::GetDiskSpaceInfo("/", &total, &avail, &free));
+  struct statvfs info;
+  ASSERT_EQ(::statvfs("/", &info), 0);
+  EXPECT_EQ(total, static_cast<uint64_t>(info.f_blocks) * info.f_frsize);
+  EXPECT_GT(total, 0u);
+  EXPECT_LE(avail, free);
+  EXPECT_LE(free, total);
+  EXPECT_TRUE(utils::GetDiskSpaceInfo("/", nullptr, nullptr, nullptr));
+  EXPECT_FALSE(utils::GetDiskSpaceInfo("/corvane/no/such/path", &total, &avail, &free));
+}
+
+TEST(DevNumbers, DeviceFilesNameTheirDeviceOtherFilesTheirFileSystem) {
+  unsigned int major = 0, minor = 0;
+  ASSERT_TRUE(utils::GetDevNumbers("/dev/null", &major, &minor));
+  EXPECT_EQ(major, 1u);
+  EXPECT_EQ(minor, 3u);
+  struct stat st;
+  ASSERT_EQ(::stat("/etc/passwd", &st), 0);
+  ASSERT_TRUE(utils::GetDevNumbers("/etc/passwd", &major, &minor));
+  EXPECT_EQ(major, major(st.st_dev));
+  EXPECT_EQ(minor, minor(st.st_dev));
+  EXPECT_FALSE(utils::GetDevNumbers("/corvane/no/such/path", &major, &minor));
+}
+
+}  // namespace

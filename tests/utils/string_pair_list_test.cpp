@@ -1,0 +1,123 @@
+#include "utils/string_pair_list.h"
+
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+Pairs All(const utils::StringPairList& list) {
+  Pairs out;
+  std::string key, value;
+  for (size_t i = 0; list.Value(i, &key, &value); ++i) out.emplace_back(key, value);
+  return out;
+}
+
+utils::StringPairList Make(const Pairs& pairs) {
+  utils::StringPairList list;
+  for (const auto& p : pairs) list.AddValue(p.first, p.second);
+  return list;
+}
+
+TEST(StringPairList, LookupsHonourOrderDuplicatesAndCase) {
+  utils::StringPairList list = Make({{"A", "1"}, {"a", "2"}, {"b", "3"}, {"A", "4"}});
+  std::string value;
+  size_t index = 99;
+  EXPECT_TRUE(list.Value("a", &value, true, &index));
+  EXPECT_EQ(value, "1");
+  EXPECT_EQ(index, 0u);
+  EXPECT_TRUE(list.Value("a", &value, false, &index));
+  EXPECT_EQ(value, "2");
+  EXPECT_EQ(index, 1u);
+  EXPECT_TRUE(list.LastValue("a", &value, true, &index));
+  EXPECT_EQ(value, "4");
+  EXPECT_EQ(index, 3u);
+  EXPECT_TRUE(list.Value("B", nullptr, true, nullptr));
+  EXPECT_FALSE(list.Value("B", &value, false, &index));
+  EXPECT_FALSE(list.LastValue("c", &value, true, &index));
+  EXPECT_EQ(index, 3u);  // untouched on a miss
+
+  std::vector<std::string> values{"kept"};
+  EXPECT_TRUE(list.ValueList("A", values, true));
+  EXPECT_EQ(values, (std::vector<std::string>{"kept", "1", "2", "4"}));
+  EXPECT_FALSE(list.ValueList("x", values, true));
+  EXPECT_EQ(list.Keys(), (std::set<std::string>{"A", "a", "b"}));
+  EXPECT_FALSE(list.Value(4, nullptr, &value));
+
+}
+
+TEST(StringPairList, RemovalKeepsTheOrderOfTheRest) {
+  utils::StringPairList list = Make({{"A", "1"}, {"a", "2"}, {"b", "3"}, {"A", "4"}});
+  EXPECT_TRUE(list.Remove("A", true));
+  EXPECT_EQ(All(list), (Pairs{{"a", "2"}, {"b", "3"}, {"A", "4"}}));
+  EXPECT_TRUE(list.Remove(1));
+  EXPECT_FALSE(list.Remove(2));
+  EXPECT_FALSE(list.Remove("b", false));
+  EXPECT_EQ(All(list), (Pairs{{"a", "2"}, {"A", "4"}}));
+
+  list = Make({{"x", "1"}, {"y", "2"}, {"X", "3"}, {"x", "4"}});
+  EXPECT_TRUE(list.RemoveAll("x", false));
+  EXPECT_EQ(All(list), (Pairs{{"y", "2"}, {"X", "3"}}));
+  EXPECT_TRUE(list.RemoveAll("x", true));
+  EXPECT_EQ(All(list), (Pairs{{"y", "2"}}));
+}
+
+TEST(StringPairList, JoinSwapAndToString) {
+  utils::StringPairList list = Make({{"a", "1"}, {"b", "2"}});
+  EXPECT_EQ(list.ToString("=", "&"), "a=1&b=2");
+  list.Join(list);
+  EXPECT_EQ(list.ToString(": ", "\r\n"), "a: 1\r\nb: 2\r\na: 1\r\nb: 2");
+
+  utils::StringPairList other = Make({{"c", "3"}});
+  other.Swap(&list);
+  EXPECT_EQ(list.Size(), 1u);
+  EXPECT_EQ(other.Size(), 4u);
+  other.Clear();
+  EXPECT_EQ(other.ToString("=", "&"), "");
+  // The pair separator goes in only once the text is non-empty.
+  EXPECT_EQ(Make({{"", ""}, {"k", "v"}}).ToString("", ";"), "kv");
+}
+
+TEST(ParseFromString, EntriesItemsAndPieces) {
+  struct Case {
+    std::string text;
+    bool ok;
+    Pairs pairs;
+  };
+  const Case cases[] = {
+      {"a=1;b=2", true, {{"a", "1"}, {"b", "2"}}},
+      {"host = example.org; port=80, verbose", true,
+       {{"host", "example.org"}, {"port", "80"}, {"verbose", ""}}},
+      {"a=1\r\nb=2\n\n;,c", true, {{"a", "1"}, {"b", "2"}, {"c", ""}}},
+      {"name = John  Smith", true, {{"name", "John Smith"}}},
+      {"a=\"x,y\"", true, {{"a", "x,y"}}},
+      {"a\\nb=c", true, {{"a\nb", "c"}}},
+      {"a=1;b\\t=2", false, {{"a", "1"}}},
+      {"a=1;b\\", false, {{"a", "1"}}},
+      {"a\\\\b", false, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.text));
+    utils::StringPairList list = Make({{"old", "0"}});
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(utils::ParseFromString(c.text, &list), c.ok);
+    std::string errors = testing::internal::GetCapturedStderr();
+    Pairs expected{{"old", "0"}};
+    expected.insert(expected.end(), c.pairs.begin(), c.pairs.end());
+    EXPECT_EQ(All(list), expected);
+    if (c.ok) {
+      EXPECT_EQ(errors, "");
+    } else {
+      ASSERT_FALSE(errors.empty());
+      EXPECT_EQ(errors.back(), '\n');
+    }
+  }
+  EXPECT_FALSE(utils::ParseFromString("a=1", nullptr));
+}
+
+}  // namespace
