@@ -1,10 +1,22 @@
-// A host program that uses corvane through its installed package.
+// A host program that uses corvane through its installed package: it runs a
+// script with arguments in init_data, then calls one of the script's functions.
+#include <exception>
 #include <iostream>
 
 #include "corvane.h"
 
 int main() {
-  std::cout << "corvane host example running from " << utils::GetProgramExeDir() << "\n";
-  CORVANE_LOG(zul_log_logger__utils(), zullog::SeverityWarning, "example") << "logging works";
+  try {
+    boost::shared_ptr<lua::RunTime> rt = lua::RunTime::Create();
+    lua::RunTime::StackCleaner cleaner(rt);  // pops every value made below
+    rt->RunString("greeting = 'hello, ' .. init_data[1] "
+                  "function shout(text, times) return (text:upper() .. '! '):rep(times), #text end",
+                  {rt->CreateAtStack("world")}, false);
+    auto results = rt->RunFunc("shout", {rt->GetGlobalObject("greeting"), rt->CreateAtStack(2)});
+    std::cout << results[0]->AsString() << "(" << results[1]->AsInteger() << " letters)\n";
+  } catch (const std::exception& e) {
+    std::cerr << e.what() << "\n";
+    return 1;
+  }
   return 0;
 }

@@ -1,0 +1,93 @@
+// Handle plumbing shared by the runtime, the handles and the adapter: index
+// checks the C interface leaves to its caller, handle construction, and
+// in-place reuse of handles on hot paths.
+#pragma once
+
+#include <utility>
+
+#include <boost/shared_ptr.hpp>
+#include <lua.hpp>
+
+#include "lua/internal/block_pool.h"
+#include "lua/object_ref.h"
+#include "lua/runtime.h"
+
+namespace lua {
+namespace detatils {
+
+// Whether `index` may be handed to lua_type and friends. Negative indices below
+// the bottom and upvalue indices outside a C function would read foreign memory.
+inline bool IsAcceptableIndex(lua_State* L, int index) {
+  if (index > 0 || index == LUA_REGISTRYINDEX) return true;
+  if (index > LUA_REGISTRYINDEX) return index != 0 && -index <= lua_gettop(L);
+  lua_Debug ar;
+  return lua_getstack(L, 0, &ar) != 0;
+}
+
+// Whether lua_topointer can tell two values of this type apart; for the other
+// types it returns null, so handles skip the call.
+inline bool HasIdentity(int type) {
+  constexpr unsigned kIdentityTypes = (1u << LUA_TLIGHTUSERDATA) | (1u << LUA_TTABLE) | (1u << LUA_TFUNCTION) |
+                                      (1u << LUA_TUSERDATA) | (1u << LUA_TTHREAD);
+  return type >= 0 && ((1u << type) & kIdentityTypes) != 0;
+}
+
+// A handle and its count block from the thread's block pool. boost::make_shared
+// is avoided: it costs two extra atomic count updates (it returns a copy of a
+// temporary), dearer than the allocations it saves.
+template <class Handle>
+boost::shared_ptr<Handle> NewHandle(boost::shared_ptr<RunTime> rt, int index) {
+  void* block = AllocateSmallBlock(sizeof(Handle));
+  Handle* handle = nullptr;
+  try {
+    handle = new (block) Handle(std::move(rt), index);
+  } catch (...) {
+    FreeSmallBlock(block, sizeof(Handle));
+    throw;
+  }
+  return boost::shared_ptr<Handle>(handle, SmallBlockDelete<Handle>(), SmallBlockAllocator<Handle>());
+}
+
+class HandleAccess {
+ public:
+  // A handle to the slot `absIndex`: a TableRef for a table, else an ObjectRef.
+  static boost::shared_ptr<ObjectRef> Make(boost::shared_ptr<RunTime> rt, int absIndex) {
+    lua_State* L = rt->State();
+    const int type = lua_type(L, absIndex);
+    if (type == LUA_TTABLE) return NewHandle<TableRef>(std::move(rt), absIndex);
+    // Made empty and filled here, which spares the constructor's second type query.
+    boost::shared_ptr<ObjectRef> handle = NewHandle<ObjectRef>(std::move(rt), 0);
+    Point(*handle, L, type, absIndex);
+    return handle;
+  }
+
+  // Points `handle` at the slot `absIndex`. A handle nobody else holds is
+  // rewritten in place when its kind (table or not) still fits, which saves an
+  // allocation and the reference-count traffic of a new handle. A weak_ptr to
+  // such a handle would see it move; handles are not meant to be held weakly.
+  static void Retarget(boost::shared_ptr<ObjectRef>& handle, const boost::shared_ptr<RunTime>& rt,
+                       int absIndex) {
+    lua_State* L = rt->State();
+    const int type = lua_type(L, absIndex);
+    if (handle && handle.unique() && (handle->type_ == LUA_TTABLE) == (type == LUA_TTABLE)) {
+      Point(*handle, L, type, absIndex);
+      if (handle->rt_ != rt) handle->rt_ = rt;
+      return;
+    }
+    handle = Make(rt, absIndex);
+  }
+
+ private:
+  static void Point(ObjectRef& handle, lua_State* L, int type, int absIndex) {
+    handle.type_ = type;
+    handle.index_ = absIndex;
+    handle.pointer_ = HasIdentity(type) ? lua_topointer(L, absIndex) : nullptr;
+  }
+};
+
+inline boost::shared_ptr<ObjectRef> MakeHandle(boost::shared_ptr<RunTime> rt, int absIndex) {
+  return HandleAccess::Make(std::move(rt), absIndex);
+}
+
+}  // namespace detatils
+}  // namespace lua

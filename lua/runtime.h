@@ -1,0 +1,236 @@
+// lua::RunTime: one Lua 5.3 interpreter state and its value stack, the
+// exceptions that carry script errors to the host, and StackCleaner, the scope
+// guard that restores the stack. Handles (lua/object_ref.h) and native
+// functions (lua/wrap_func.h) reach the interpreter through a RunTime.
+//
+// A RunTime is always held by boost::shared_ptr. It takes no lock: one thread at
+// a time may use it and every handle made from it.
+#pragma once
+
+#include <cstddef>
+#include <exception>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <boost/enable_shared_from_this.hpp>
+#include <boost/shared_ptr.hpp>
+#include <lua.hpp>
+
+#include "utils/noncopyable.h"
+
+namespace lua {
+
+class ObjectRef;
+class TableRef;
+class RunTime;
+
+// Script error, load error, bad stack index, wrong type, stack overflow.
+class RunTimeError : public std::runtime_error {
+ public:
+  explicit RunTimeError(const std::string& message) : std::runtime_error(message) {}
+};
+
+// Raised only from the interpreter's panic handler; the runtime is unusable after it.
+class RunTimePanic : public std::runtime_error {
+ public:
+  explicit RunTimePanic(const std::string& message) : std::runtime_error(message) {}
+};
+
+// Passed to RunTime::CreateResultAtStack to return nil.
+struct NilResultPlaceholder {};
+
+// The signature of a native function body: `rt` wraps the calling state, `args`
+// holds one handle per argument. Returns how many results it left on the stack.
+using NativeBody = int (*)(boost::shared_ptr<RunTime>& rt,
+                           const std::vector<boost::shared_ptr<ObjectRef>>& args);
+using NativeFunction = std::function<int(boost::shared_ptr<RunTime>& rt,
+                                         const std::vector<boost::shared_ptr<ObjectRef>>& args)>;
+
+class RunTime : public boost::enable_shared_from_this<RunTime>, private utils::Noncopyable {
+ public:
+  enum WeakTableType { WeakKeys = 0, WeakValues = 1, WeakKeysAndValues = 2 };
+
+  class StackCleaner;
+
+  RunTime(lua_State* state, bool wrapped);
+  ~RunTime();
+
+  // A fresh state with the standard and every registered native library, and
+  // the executable's directory on package.path. Closed when the object dies.
+  static boost::shared_ptr<RunTime> Create();
+  // A non-owning view of a state somebody else owns; nothing is opened or installed.
+  static boost::shared_ptr<RunTime> Wrap(lua_State* state);
+
+  void Init();
+  void LoadLibs();
+
+  lua_State* State() const { return state_; }
+  bool IsValid() const { return valid_; }
+
+  // Stack discipline. Indices follow the Lua C interface; 0 names no slot.
+  int StackTopIndex() const { return lua_gettop(state_); }
+  int AbsStackIndex(int index) const { return index == 0 ? 0 : lua_absindex(state_, index); }
+  bool IsStackEmpty() const { return lua_gettop(state_) == 0; }
+  void PopFromStack(int n) { lua_settop(state_, -n - 1); }
+  void ClearStack() { lua_settop(state_, 0); }
+  void Remove(int index);
+  // Removes the handle's slot only while the handle is still valid.
+  void Remove(const boost::shared_ptr<ObjectRef>& object);
+  int ObjType(int index) const { return lua_type(state_, index); }
+  const void* ObjPointer(int index) const { return lua_topointer(state_, index); }
+  // Room for max(n, 10) more values, or RunTimeError.
+  void EnsureFreeStackSlots(int n);
+  bool ReserveFreeStackSlots(int n) { return lua_checkstack(state_, n) != 0; }
+
+  // Running code. Scripts find their arguments in the global "init_data". The
+  // results stay on the stack; the caller restores it (normally with a
+  // StackCleaner taken before the call).
+  std::vector<boost::shared_ptr<ObjectRef>> RunFile(const std::string& path, bool clearStack);
+  std::vector<boost::shared_ptr<ObjectRef>> RunFile(
+      const std::string& path, const std::vector<boost::shared_ptr<ObjectRef>>& args,
+      bool clearStack);
+  std::vector<boost::shared_ptr<ObjectRef>> RunFile(const std::string& path,
+                                                    const std::vector<std::string>& args,
+                                                    bool clearStack);
+  std::vector<boost::shared_ptr<ObjectRef>> RunFile(const std::string& path, int argc,
+                                                    const char** argv, bool clearStack);
+  std::vector<boost::shared_ptr<ObjectRef>> RunFile(const std::string& path,
+                                                    const boost::shared_ptr<TableRef>& args,
+                                                    bool clearStack);
+  std::vector<boost::shared_ptr<ObjectRef>> RunString(const std::string& code, bool clearStack);
+  std::vector<boost::shared_ptr<ObjectRef>> RunString(
+      const std::string& code, const std::vector<boost::shared_ptr<ObjectRef>>& args,
+      bool clearStack);
+  std::vector<boost::shared_ptr<ObjectRef>> RunFunc(
+      const std::string& globalName, const std::vector<boost::shared_ptr<ObjectRef>>& args);
+  std::vector<boost::shared_ptr<ObjectRef>> RunFunc(
+      const boost::shared_ptr<ObjectRef>& func,
+      const std::vector<boost::shared_ptr<ObjectRef>>& args);
+  // Protected call of the function below the nargs top values, with a traceback
+  // added to the error message; throws RunTimeError on failure.
+  void Pcall(int nargs, int nresults);
+  // One handle per slot above `base`, bottom first; nothing is popped.
+  std::vector<boost::shared_ptr<ObjectRef>> ExtractRetVals(int base);
+
+  // Globals, module path, collector.
+  // Pushes the global's value and returns a handle to it.
+  boost::shared_ptr<ObjectRef> GetGlobalObject(const std::string& name);
+  void SetGlobalObject(const std::string& name, const boost::shared_ptr<ObjectRef>& value);
+  // New patterns go after the existing ones, so they have the lowest priority.
+  void AddPackagePath(const std::string& pattern);
+  void AddPackagePaths(const std::vector<std::string>& patterns);
+  void SetGcPause(int percent) { lua_gc(state_, LUA_GCSETPAUSE, percent); }
+  void SetGcStepMultiplier(int percent) { lua_gc(state_, LUA_GCSETSTEPMUL, percent); }
+  void CollectGarbage() { lua_gc(state_, LUA_GCCOLLECT, 0); }
+
+  [[noreturn]] static void PanicHandler(lua_State* state);
+
+  // Handles. Each CreateAtStack pushes one value and returns a handle to it.
+  boost::shared_ptr<ObjectRef> ObjectAtStack(int index);
+  boost::shared_ptr<ObjectRef> ObjectAtStackTop() { return ObjectAtStack(lua_gettop(state_)); }
+  boost::shared_ptr<ObjectRef> CreateNilAtStack();
+  boost::shared_ptr<TableRef> CreateTableAtStack();
+  boost::shared_ptr<ObjectRef> CreateAtStack(bool value);
+  boost::shared_ptr<ObjectRef> CreateAtStack(int value);
+  boost::shared_ptr<ObjectRef> CreateAtStack(long long value);
+  boost::shared_ptr<ObjectRef> CreateAtStack(double value);
+  boost::shared_ptr<ObjectRef> CreateAtStack(void* value);
+  // Strings are pushed as C strings: the text ends at the first NUL byte.
+  boost::shared_ptr<ObjectRef> CreateAtStack(const char* value);
+  boost::shared_ptr<ObjectRef> CreateAtStack(const std::string& value);
+  // A copy of the handle's slot.
+  boost::shared_ptr<ObjectRef> CreateAtStack(const boost::shared_ptr<ObjectRef>& value);
+  boost::shared_ptr<ObjectRef> CreateAtStack(const boost::shared_ptr<TableRef>& value);
+  boost::shared_ptr<ObjectRef> CreateAtStack(const ObjectRef* value);
+  boost::shared_ptr<ObjectRef> CreateAtStack(lua_CFunction value);
+  // A C closure whose upvalues are copies of the given slots, in order.
+  boost::shared_ptr<ObjectRef> CreateAtStack(lua_CFunction value,
+                                             const std::vector<boost::shared_ptr<ObjectRef>>& upvalues);
+  // A script function that calls a copy of `value`, kept in a userdata that
+  // destroys it when collected.
+  boost::shared_ptr<ObjectRef> CreateAtStack(const NativeFunction& value);
+
+  // Results for native function bodies: an empty string or table becomes nil.
+  boost::shared_ptr<ObjectRef> CreateResultAtStack(const std::string& value);
+  boost::shared_ptr<ObjectRef> CreateResultAtStack(const char* value);
+  boost::shared_ptr<ObjectRef> CreateResultAtStack(const boost::shared_ptr<ObjectRef>& value);
+  boost::shared_ptr<ObjectRef> CreateResultAtStack(const boost::shared_ptr<TableRef>& value);
+  boost::shared_ptr<ObjectRef> CreateResultAtStack(const NilResultPlaceholder& value);
+  int VoidResult() { return 0; }
+  int NilResult();
+
+  // Argument checks and errors for native function bodies. They raise script
+  // errors, which leave the body at once; outside a native function they panic.
+  void CheckArgsCount(int n);
+  void CheckArgsCount(const std::vector<boost::shared_ptr<ObjectRef>>& args, size_t n);
+  void CheckType(const boost::shared_ptr<ObjectRef>& object, int type, const std::string& what);
+  void CheckType(int index, int type, const std::string& what);
+  [[noreturn]] void Error(const std::string& message);
+
+  // A table whose fields are the entries of a {nullptr, nullptr}-terminated
+  // list; entries without a function become false.
+  boost::shared_ptr<TableRef> CreateLibTable(const std::vector<luaL_Reg>& regs);
+  boost::shared_ptr<TableRef> CreateWeakTableAtStack(WeakTableType type);
+  // Upvalue n of the running C function; only inside a native function.
+  boost::shared_ptr<ObjectRef> GetUpValue(int n);
+
+ private:
+  enum class ChunkKind { File, String };
+
+  // The arguments value must already be on the top of the stack.
+  std::vector<boost::shared_ptr<ObjectRef>> RunImpl(ChunkKind kind, const std::string& source,
+                                                    bool clearStack);
+  void PushArgsTable(const std::vector<boost::shared_ptr<ObjectRef>>& args);
+  void PushArgsTable(const std::vector<std::string>& args);
+  // Pushes the message handler for a RunFunc call.
+  void PrepareCall(size_t nargs);
+  // The function of `type` is on the top, the handler below it.
+  std::vector<boost::shared_ptr<ObjectRef>> CallPushedFunction(
+      int base, int type, const std::vector<boost::shared_ptr<ObjectRef>>& args);
+  // Pcall with the message handler already at `handler`, directly below the
+  // function; removes it afterwards.
+  void PcallWithHandlerAt(int handler, int nargs, int nresults);
+
+  bool wrapped_;
+  bool valid_;
+  lua_State* state_;
+};
+
+// Sets the stack top back to the index saved at construction when it goes out
+// of scope; it only pops, never pushes.
+// Inline: hosts take one around every call.
+class RunTime::StackCleaner : private utils::Noncopyable {
+ public:
+  explicit StackCleaner(const boost::shared_ptr<RunTime>& rt)
+      : index_(rt ? lua_gettop(rt->State()) : 0), rt_(rt), uncaughtAtEntry_(std::uncaught_exceptions()) {}
+  // Saves AbsStackIndex(index); 0 clears the whole stack at scope end.
+  StackCleaner(const boost::shared_ptr<RunTime>& rt, int index)
+      : index_(rt ? rt->AbsStackIndex(index) : 0), rt_(rt), uncaughtAtEntry_(std::uncaught_exceptions()) {}
+  ~StackCleaner() {
+    if (!rt_) return;
+    lua_State* L = rt_->State();
+    const int top = lua_gettop(L);
+    if (top <= index_) return;
+    if (std::uncaught_exceptions() > uncaughtAtEntry_) {
+      // A script error in flight sits on the top, and the interpreter copies it
+      // from there when it catches the error: keep it just above the saved index.
+      if (top > index_ + 1) {
+        lua_copy(L, -1, index_ + 1);
+        lua_settop(L, index_ + 1);
+      }
+    } else {
+      lua_settop(L, index_);
+    }
+  }
+
+  void Disable() { rt_.reset(); }
+
+ private:
+  int index_;
+  boost::shared_ptr<RunTime> rt_;
+  int uncaughtAtEntry_;
+};
+
+}  // namespace lua

@@ -1,0 +1,148 @@
+#include "lua/wrap_func.h"
+
+#include <exception>
+#include <memory>
+#include <utility>
+
+#include "lua/internal/handles.h"
+
+namespace lua {
+namespace detatils {
+
+namespace {
+
+// What one level of nested native calls on a thread reuses from call to call:
+// the wrapper of the calling state and the argument handles. A wrapper only
+// names its state, so one made earlier for the same state is as good as a new
+// one; argument handles are rewritten in place unless a body kept them. This
+// keeps a call free of allocations and of most reference-count traffic.
+struct CallFrame {
+  boost::shared_ptr<RunTime> rt;
+  std::vector<boost::shared_ptr<ObjectRef>> args;
+  // Handles of earlier calls with more arguments, for later calls with more.
+  std::vector<boost::shared_ptr<ObjectRef>> spare;
+};
+
+// A call with many arguments should not pin that many handles for the life of
+// the thread.
+constexpr size_t kMaxPooledHandles = 32;
+
+struct FrameStack {
+  std::vector<std::unique_ptr<CallFrame>> levels;
+  size_t depth = 0;
+};
+
+// The hot path reads only this plain pointer: no initialisation guard, and the
+// initial-exec model spares the lookup a shared library's TLS access costs.
+__attribute__((tls_model("initial-exec"))) thread_local FrameStack* tStack = nullptr;
+__attribute__((tls_model("initial-exec"))) thread_local bool tStackGone = false;
+
+// Frees the thread's frames at thread exit. Natives that run after it (a
+// runtime closed by another thread_local's destructor) go without a pool.
+struct FrameStackOwner {
+  std::unique_ptr<FrameStack> stack;
+  ~FrameStackOwner() {
+    tStack = nullptr;
+    tStackGone = true;
+  }
+};
+thread_local FrameStackOwner tOwner;
+
+FrameStack* ThreadStack() {
+  if (tStack != nullptr || tStackGone) return tStack;
+  tOwner.stack = std::make_unique<FrameStack>();
+  tStack = tOwner.stack.get();
+  return tStack;
+}
+
+// Takes the frame of the next nesting level for the duration of one call, also
+// when a script error unwinds through it.
+class FrameLease {
+ public:
+  FrameLease() : stack_(ThreadStack()) {
+    if (stack_ == nullptr) {
+      fallback_ = std::make_unique<CallFrame>();
+      frame_ = fallback_.get();
+      return;
+    }
+    if (stack_->depth == stack_->levels.size()) stack_->levels.push_back(std::make_unique<CallFrame>());
+    frame_ = stack_->levels[stack_->depth].get();
+    ++stack_->depth;
+  }
+  ~FrameLease() {
+    if (stack_ != nullptr) --stack_->depth;
+    // A body may assign to its `rt`; only wrappers made here stay in the frame.
+    if (frame_->rt.get() != installed_) frame_->rt.reset();
+    if (frame_->args.size() > kMaxPooledHandles) frame_->args.resize(kMaxPooledHandles);
+  }
+  FrameLease(const FrameLease&) = delete;
+  FrameLease& operator=(const FrameLease&) = delete;
+
+  CallFrame& Frame() { return *frame_; }
+  void Installed(const RunTime* rt) { installed_ = rt; }
+
+ private:
+  FrameStack* stack_;
+  std::unique_ptr<CallFrame> fallback_;
+  CallFrame* frame_;
+  const RunTime* installed_ = nullptr;
+};
+
+void PrepareArgs(CallFrame& frame, int count) {
+  std::vector<boost::shared_ptr<ObjectRef>>& args = frame.args;
+  const size_t n = static_cast<size_t>(count);
+  while (args.size() > n) {
+    if (frame.spare.size() < kMaxPooledHandles) frame.spare.push_back(std::move(args.back()));
+    args.pop_back();
+  }
+  while (args.size() < n) {
+    if (frame.spare.empty()) {
+      args.emplace_back();
+    } else {
+      args.push_back(std::move(frame.spare.back()));
+      frame.spare.pop_back();
+    }
+  }
+  for (size_t i = 0; i < n; ++i) HandleAccess::Retarget(args[i], frame.rt, static_cast<int>(i) + 1);
+}
+
+template <class Call>
+int Invoke(lua_State* L, Call&& call) {
+  try {
+    FrameLease lease;
+    CallFrame& frame = lease.Frame();
+    if (!frame.rt || frame.rt->State() != L) frame.rt = RunTime::Wrap(L);
+    lease.Installed(frame.rt.get());
+    PrepareArgs(frame, lua_gettop(L));
+    const int n = call(frame.rt, frame.args);
+    if (n < 0) luaL_error(L, "Negative results count: %d", n);
+    const int top = lua_gettop(L);
+    if (n > top) {
+      luaL_error(L, "Stack underflow: the results count is greater than the stack size: %d > %d", n, top);
+    }
+    return n;
+  } catch (const std::exception& e) {
+    luaL_error(L, "Cpp: %s", e.what());
+    __builtin_unreachable();  // luaL_error raises and never returns
+  }
+}
+
+}  // namespace
+
+int CallNative(lua_State* L, NativeBody body) {
+  return Invoke(L, [body](boost::shared_ptr<RunTime>& rt, const std::vector<boost::shared_ptr<ObjectRef>>& args) {
+    return body(rt, args);
+  });
+}
+
+int CallNativeClosure(lua_State* L) {
+  const NativeFunction* function = static_cast<const NativeFunction*>(lua_touserdata(L, lua_upvalueindex(1)));
+  if (function == nullptr) luaL_error(L, "Cpp: native closure without its function");
+  return Invoke(L, [function](boost::shared_ptr<RunTime>& rt,
+                              const std::vector<boost::shared_ptr<ObjectRef>>& args) {
+    return (*function)(rt, args);
+  });
+}
+
+}  // namespace detatils
+}  // namespace lua

@@ -1,0 +1,127 @@
+#include "lua/global_lib.h"
+
+#include <atomic>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "lua/object_ref.h"
+#include "lua/runtime.h"
+#include "lua/script_test_util.h"
+
+namespace {
+
+using lua::GlobalLib;
+using lua::RunTime;
+using lua::TableRef;
+using lua_test::Eval;
+
+int Answer(lua_State* L) {
+  lua_pushinteger(L, 42);
+  return 1;
+}
+
+int Twice(lua_State* L) {
+  lua_pushinteger(L, 2 * luaL_checkinteger(L, 1));
+  return 1;
+}
+
+GlobalLib::InitFunc SetField(const std::string& key, const std::string& value) {
+  return [key, value](boost::shared_ptr<RunTime>&, boost::shared_ptr<TableRef>& table) { table->Set(key, value); };
+}
+
+TEST(Registry, LibraryOpensAsGlobalAndInPackageLoaded) {
+  GlobalLib("reg_basic", nullptr).AddFunc("answer", Answer);
+  auto rt = RunTime::Create();
+  EXPECT_EQ(Eval(rt, "return reg_basic.answer() .. ' ' .. tostring(package.loaded.reg_basic == reg_basic)"
+                     " .. ' ' .. tostring(require('reg_basic') == reg_basic)"),
+            "42 true true");
+  EXPECT_TRUE(rt->IsStackEmpty());
+}
+
+TEST(Registry, FirstInitFunctionIsKeptAndHandlesOfOneNameShareATable) {
+  GlobalLib first("reg_shared", SetField("init", "first"));
+  GlobalLib second("reg_shared", SetField("init", "second"));
+  first.AddFunc("answer", Answer);
+  second.AddFunc("twice", Twice);
+  EXPECT_EQ(Eval(RunTime::Create(), "return reg_shared.init .. reg_shared.answer() .. reg_shared.twice(4)"),
+            "first428");
+
+  second.SetInitFunc(SetField("init", "replaced"));
+  EXPECT_EQ(Eval(RunTime::Create(), "return reg_shared.init"), "replaced");
+}
+
+TEST(Registry, PlaceholdersReadFalseUntilTheInitFunctionFillsThem) {
+  GlobalLib("reg_placeholder", nullptr).AddDataPlaceholder("version").AddFunc("answer", Answer);
+  GlobalLib("reg_filled", SetField("version", "1.0")).AddDataPlaceholder("version");
+  EXPECT_EQ(Eval(RunTime::Create(), "return tostring(reg_placeholder.version) .. ' ' .. reg_filled.version"),
+            "false 1.0");
+}
+
+TEST(Registry, LibraryWithoutFunctionsIsWhatItsInitFunctionLeaves) {
+  GlobalLib("reg_value", [](boost::shared_ptr<RunTime>& rt, boost::shared_ptr<TableRef>& table) {
+    if (!table) rt->CreateAtStack("plain value");
+  });
+  GlobalLib("reg_nothing", [](boost::shared_ptr<RunTime>&, boost::shared_ptr<TableRef>&) {});
+  EXPECT_EQ(Eval(RunTime::Create(), "return reg_value .. ' ' .. type(reg_nothing)"), "plain value nil");
+}
+
+TEST(Registry, LibrariesRegisteredLaterAreNotInExistingRuntimes) {
+  auto before = RunTime::Create();
+  GlobalLib("reg_late", nullptr).AddFunc("answer", Answer);
+  auto after = RunTime::Create();
+  EXPECT_EQ(Eval(before, "return type(reg_late)"), "nil");
+  EXPECT_EQ(Eval(after, "return type(reg_late)"), "table");
+}
+
+std::atomic<bool> gFailInit{false};
+
+TEST(Registry, FailingInitFunctionFailsCreateWithAPanic) {
+  GlobalLib("reg_failing", [](boost::shared_ptr<RunTime>&, boost::shared_ptr<TableRef>&) {
+    if (gFailInit) throw std::runtime_error("init failed");
+  }).AddFunc("answer", Answer);
+  gFailInit = true;
+  try {
+    RunTime::Create();
+    ADD_FAILURE() << "Create() succeeded";
+  } catch (const lua::RunTimePanic& e) {
+    EXPECT_STREQ(e.what(), "Lua panic: Cpp: init failed");
+  }
+  gFailInit = false;
+  EXPECT_EQ(Eval(RunTime::Create(), "return reg_failing.answer()"), "42");
+}
+
+TEST(Registry, RegistrationIsSafeWhileOtherThreadsCreateRuntimes) {
+  constexpr int kLibs = 60;
+  constexpr int kRuntimesPerThread = 30;
+  std::atomic<bool> failed{false};
+  auto create = [&] {
+    for (int i = 0; i < kRuntimesPerThread; ++i) {
+      try {
+        auto rt = RunTime::Create();
+        // Every library a runtime sees is complete: its function answers.
+        Eval(rt, "for i = 0, 59 do local lib = _G['reg_thread_' .. i] "
+                 "if lib and lib.answer() ~= 42 then error('incomplete') end end return 0");
+      } catch (const std::exception&) {
+        failed = true;
+      }
+    }
+  };
+  std::thread creator1(create);
+  std::thread creator2(create);
+  for (int i = 0; i < kLibs; ++i) {
+    GlobalLib lib("reg_thread_" + std::to_string(i), nullptr);
+    lib.AddFunc("answer", Answer);
+  }
+  creator1.join();
+  creator2.join();
+  EXPECT_FALSE(failed);
+  EXPECT_EQ(Eval(RunTime::Create(), "local n = 0 for i = 0, 59 do "
+                                    "if _G['reg_thread_' .. i].answer() == 42 then n = n + 1 end end return n"),
+            std::to_string(kLibs));
+}
+
+}  // namespace

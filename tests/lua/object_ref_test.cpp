@@ -1,0 +1,212 @@
+#include "lua/object_ref.h"
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include <boost/pointer_cast.hpp>
+#include <gtest/gtest.h>
+
+#include "lua/runtime.h"
+#include "lua/script_test_util.h"
+
+namespace {
+
+using lua::ObjectRef;
+using lua::RunTime;
+using lua::TableRef;
+using lua_test::ThrownText;
+
+boost::shared_ptr<TableRef> Table(const boost::shared_ptr<RunTime>& rt, const std::string& expression) {
+  auto value = rt->RunString("return " + expression, false).front();
+  return boost::dynamic_pointer_cast<TableRef>(value);
+}
+
+TEST(HandleValidity, ObjectAtStackAcceptsOnlySlotsHoldingValues) {
+  auto rt = RunTime::Create();
+  rt->CreateAtStack(1);
+  EXPECT_EQ(ThrownText([&] { rt->ObjectAtStack(0); }), "ObjectAtStack(): invalid stack index: 0");
+  EXPECT_EQ(ThrownText([&] { rt->ObjectAtStack(2); }), "ObjectAtStack(): invalid stack index: 2");
+  EXPECT_EQ(ThrownText([&] { rt->ObjectAtStack(-2); }), "ObjectAtStack(): invalid stack index: -2");
+  EXPECT_EQ(rt->ObjectAtStack(-1)->StackIndex(), 1);  // made absolute
+  EXPECT_EQ(ThrownText([&] { TableRef(rt, 1); }), "TableRef(): create TableRef from non-table value");
+
+  ObjectRef none(rt, 0);
+  EXPECT_EQ(none.Type(), LUA_TNONE);
+  EXPECT_FALSE(none.IsValid());
+  EXPECT_EQ(none.TypeName(), "no value");
+}
+
+TEST(HandleValidity, PoppedAndRefilledSlotIsDetected) {
+  auto rt = RunTime::Create();
+  auto table = rt->CreateTableAtStack();
+  auto asObject = rt->ObjectAtStack(1);
+  ASSERT_TRUE(boost::dynamic_pointer_cast<TableRef>(asObject));
+  EXPECT_EQ(asObject->AsTableRef()->AsPointer(), table->AsPointer());
+
+  rt->PopFromStack(1);
+  EXPECT_FALSE(table->IsValid());
+  rt->CreateTableAtStack();
+  EXPECT_FALSE(table->IsValid());  // same type, another identity
+  EXPECT_EQ(ThrownText([&] { asObject->AsTableRef(); }), "Invalid reference");
+  EXPECT_EQ(ThrownText([&] { asObject->Check(LUA_TTABLE, "custom"); }), "custom");
+
+  rt->PopFromStack(1);
+  auto number = rt->CreateAtStack(5);
+  rt->PopFromStack(1);
+  rt->CreateAtStack(6);
+  EXPECT_TRUE(number->IsValid());  // values without identity are not told apart
+  EXPECT_EQ(table->TypeName(), "number");
+}
+
+TEST(Conversions, FollowTheStoredTypeWithoutCoercion) {
+  auto rt = RunTime::Create();
+  RunTime::StackCleaner cleaner(rt);
+  struct Case {
+    std::string expression;
+    std::string asString;
+    long long len;
+  };
+  const std::vector<Case> cases = {
+      {"5", "5", 0},      {"2.5", "2.5", 0},   {"true", "true", 0},
+      {"nil", "nil", 0},  {"'abc'", "abc", 3}, {"setmetatable({}, {__tostring = function() return 'T' end})", "T", 0},
+      {"setmetatable({}, {__len = function() return 9 end})", "", 9},
+  };
+  for (const Case& c : cases) {
+    auto value = rt->RunString("return " + c.expression, false).front();
+    if (!c.asString.empty()) {
+      EXPECT_EQ(value->AsString(), c.asString) << c.expression;
+    }
+    EXPECT_EQ(value->Len(), c.len) << c.expression;
+  }
+
+  auto text = rt->CreateAtStack("12");
+  EXPECT_EQ(ThrownText([&] { text->AsInteger(); }), "Invalid reference");
+  EXPECT_EQ(ThrownText([&] { text->AsBool(); }), "Invalid reference");
+  auto real = rt->CreateAtStack(2.5);
+  EXPECT_EQ(real->AsInteger(), 0);
+  EXPECT_FALSE(real->IsInteger());
+  EXPECT_DOUBLE_EQ(real->AsReal(), 2.5);
+  EXPECT_TRUE(rt->CreateAtStack(3LL)->IsInteger());
+  EXPECT_EQ(rt->CreateAtStack(std::string("a\0b", 3))->AsString(), "a");  // pushed as a C string
+  int marker = 0;
+  EXPECT_EQ(rt->CreateAtStack(static_cast<void*>(&marker))->AsPointer(), &marker);
+  const int top = rt->StackTopIndex();
+  text->AsString();
+  EXPECT_EQ(rt->StackTopIndex(), top);
+}
+
+TEST(TableAccess, RawReadsAddOneSlotAndWritesHonourMetamethods) {
+  auto rt = RunTime::Create();
+  RunTime::StackCleaner cleaner(rt);
+  rt->RunString("log = {}", false);
+  auto table = Table(rt, "setmetatable({a = 1}, {__index = function() return 'meta' end,"
+                         " __newindex = function(t, k, v) log[#log + 1] = k rawset(t, k, v) end})");
+  ASSERT_TRUE(table);
+
+  const int top = rt->StackTopIndex();
+  auto key = rt->CreateAtStack("a");
+  auto value = (*table)[key];  // key on top: its slot turns into the value
+  EXPECT_EQ(rt->StackTopIndex(), top + 1);
+  EXPECT_EQ(value->StackIndex(), key->StackIndex());
+  EXPECT_EQ(value->AsInteger(), 1);
+  auto other = rt->CreateAtStack(1);
+  rt->CreateAtStack(99);
+  EXPECT_EQ((*table)[other]->StackIndex(), top + 4);  // key not on top: copied first
+  EXPECT_TRUE(table->Get("missing")->IsNil());      // raw: __index not consulted
+
+  const int before = rt->StackTopIndex();
+  table->Set("b", 2);
+  table->Append(std::string("x"));
+  table->Append(true);
+  table->Erase(rt->CreateAtStack("a"));
+  EXPECT_EQ(rt->StackTopIndex(), before + 1);  // only Erase's own key remains
+  EXPECT_TRUE(table->Get("a")->IsNil());
+  EXPECT_EQ(table->Get(2)->AsBool(), true);
+  EXPECT_EQ(rt->RunString("return table.concat(log, ',')", false).front()->AsString(), "b,1,2");
+
+  EXPECT_TRUE(rt->CreateTableAtStack()->Empty());
+  EXPECT_FALSE(table->Empty());
+  rt->PopFromStack(rt->StackTopIndex() - table->StackIndex() + 1);
+  rt->CreateAtStack(1);
+  EXPECT_EQ(ThrownText([&] { table->Get("a"); }), "Invalid reference");  // never a raw read of a number
+}
+
+TEST(Iterators, FullWalkVisitsEveryPairAndLeavesTheStackAsItStarted) {
+  auto rt = RunTime::Create();
+  RunTime::StackCleaner cleaner(rt);
+  auto table = Table(rt, "{x = 1, y = 2, 10, 20, nested = {}}");
+  const int top = rt->StackTopIndex();
+  std::map<std::string, std::string> seen;
+  auto it = table->Iterator();
+  EXPECT_EQ(ThrownText([&] { it.Key(); }), "Key(): invalid iterator position");
+  boost::shared_ptr<ObjectRef> keptKey;
+  int keptType = LUA_TNONE;
+  while (it.Next()) {
+    EXPECT_EQ(it.Key()->StackIndex(), rt->StackTopIndex() - 1);
+    EXPECT_TRUE(it.Val()->IsAtStackTop());
+    if (it.Val()->Type() == LUA_TTABLE) {
+      EXPECT_TRUE(boost::dynamic_pointer_cast<TableRef>(it.Val()));
+    }
+    seen[it.Key()->AsString()] = it.Val()->Type() == LUA_TTABLE ? "table" : it.Val()->AsString();
+    if (!keptKey) {
+      keptKey = it.Key();
+      keptType = keptKey->Type();
+    }
+  }
+  EXPECT_EQ(rt->StackTopIndex(), top);
+  EXPECT_EQ(seen, (std::map<std::string, std::string>{
+                      {"1", "10"}, {"2", "20"}, {"x", "1"}, {"y", "2"}, {"nested", "table"}}));
+  EXPECT_EQ(keptKey->Type(), keptType);  // a handle the caller kept is not rewritten for later keys
+  EXPECT_EQ(ThrownText([&] { it.Next(); }), "Next(): invalid iterator position");
+  EXPECT_EQ(ThrownText([&] { it.Val(); }), "Val(): invalid iterator position");
+
+  auto empty = rt->CreateTableAtStack()->Iterator();
+  EXPECT_FALSE(empty.Next());
+  EXPECT_EQ(ThrownText([&] { empty.Next(); }), "Next(): invalid iterator position");
+}
+
+TEST(Iterators, WalkThatPushesBetweenStepsStillVisitsEveryPair) {
+  auto rt = RunTime::Create();
+  RunTime::StackCleaner cleaner(rt);
+  auto table = Table(rt, "{a = 1, b = 2, c = 3}");
+  int count = 0;
+  auto it = table->Iterator();
+  while (it.Next()) {
+    rt->CreateAtStack(count);  // key and value are no longer on top
+    ++count;
+  }
+  EXPECT_EQ(count, 3);
+}
+
+TEST(Iterators, ArrayWalkLeavesOneValuePerElement) {
+  auto rt = RunTime::Create();
+  RunTime::StackCleaner cleaner(rt);
+  auto table = Table(rt, "{10, 20, 30, x = 'ignored'}");
+  const int top = rt->StackTopIndex();
+  auto it = table->ArrayIterator();
+  EXPECT_EQ(ThrownText([&] { it.Index(); }), "Index(): invalid iterator position");
+  std::vector<long long> indices;
+  std::vector<boost::shared_ptr<ObjectRef>> values;
+  while (it.Next()) {
+    indices.push_back(it.Index());
+    values.push_back(it.Val());
+  }
+  EXPECT_EQ(indices, (std::vector<long long>{1, 2, 3}));
+  EXPECT_EQ(rt->StackTopIndex(), top + 3);
+  for (size_t i = 0; i < values.size(); ++i) {
+    EXPECT_EQ(values[i]->StackIndex(), top + 1 + static_cast<int>(i));
+    EXPECT_EQ(values[i]->AsInteger(), 10 * static_cast<long long>(i + 1));
+  }
+  EXPECT_EQ(ThrownText([&] { it.Val(); }), "Val(): invalid iterator position");
+  EXPECT_EQ(ThrownText([&] { it.Next(); }), "Next(): invalid iterator position");
+
+  auto withLen = Table(rt, "setmetatable({}, {__len = function() return 2 end})");
+  auto lenWalk = withLen->ArrayIterator();
+  ASSERT_TRUE(lenWalk.Next());
+  EXPECT_TRUE(lenWalk.Val()->IsNil());  // raw reads of the length __len reports
+  EXPECT_TRUE(lenWalk.Next());
+  EXPECT_FALSE(lenWalk.Next());
+}
+
+}  // namespace

@@ -1,0 +1,200 @@
+#include "lua/runtime.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <boost/pointer_cast.hpp>
+#include <gtest/gtest.h>
+
+#include "lua/object_ref.h"
+#include "lua/script_test_util.h"
+#include "utils/files.h"
+
+namespace {
+
+using lua::RunTime;
+using lua::TableRef;
+using lua_test::Eval;
+using lua_test::StartsWith;
+using lua_test::ThrownText;
+using Handles = std::vector<boost::shared_ptr<lua::ObjectRef>>;
+
+TEST(RunTime, ResultsStayOnTheStackAsHandlesAtTheTopSlots) {
+  auto rt = RunTime::Create();
+  rt->CreateAtStack(7);
+  Handles results = rt->RunString("return 1, 'two', {3}", false);
+  ASSERT_EQ(results.size(), 3u);
+  EXPECT_EQ(rt->StackTopIndex(), 4);
+  EXPECT_EQ(results[0]->StackIndex(), 2);
+  EXPECT_EQ(results[1]->AsString(), "two");
+  EXPECT_TRUE(boost::dynamic_pointer_cast<TableRef>(results[2]));
+
+  EXPECT_TRUE(rt->RunString("local x = 1", true).empty());
+  EXPECT_TRUE(rt->IsStackEmpty());  // clearStack dropped the earlier values
+}
+
+TEST(RunTime, EveryArgumentFormArrivesInInitData) {
+  auto rt = RunTime::Create();
+  RunTime::StackCleaner cleaner(rt);
+  const std::string join = "local t = {} for i, v in ipairs(init_data) do t[i] = tostring(v) end "
+                           "return table.concat(t, ',')";
+  const std::string path = std::string(CORVANE_BINARY_DIR) + "/runtime_test_" + std::to_string(::getpid()) + ".lua";
+  std::ofstream(path) << join;
+  auto run = [&](const Handles& results) { return results.back()->AsString(); };
+
+  Handles values = {rt->CreateAtStack(1), rt->CreateAtStack("b"), rt->CreateAtStack(true)};
+  EXPECT_EQ(run(rt->RunString(join, values, false)), "1,b,true");
+  EXPECT_EQ(run(rt->RunFile(path, values, false)), "1,b,true");
+  EXPECT_EQ(run(rt->RunFile(path, std::vector<std::string>{"x", "y"}, false)), "x,y");
+  const char* argv[] = {"p", "q", "r"};
+  EXPECT_EQ(run(rt->RunFile(path, 3, argv, false)), "p,q,r");
+  EXPECT_EQ(run(rt->RunFile(path, false)), "");
+  auto table = rt->RunString("return {'t1', 't2'}", false).back()->AsTableRef();
+  EXPECT_EQ(run(rt->RunFile(path, table, false)), "t1,t2");
+
+  // A table handle whose slot no longer holds a table cannot become init_data.
+  rt->PopFromStack(rt->StackTopIndex() - table->StackIndex() + 1);
+  rt->CreateAtStack(5);
+  EXPECT_EQ(ThrownText([&] { rt->RunFile(path, table, false); }), "RunImpl(): invalid args type are passed");
+  std::remove(path.c_str());
+}
+
+TEST(RunTime, RunFuncCallsAGlobalOrAHandleWithArguments) {
+  auto rt = RunTime::Create();
+  RunTime::StackCleaner cleaner(rt);
+  rt->RunString("function sub(a, b) return a - b, 'done' end", true);
+  Handles args = {rt->CreateAtStack(10), rt->CreateAtStack(3)};
+  Handles results = rt->RunFunc("sub", args);
+  ASSERT_EQ(results.size(), 2u);
+  EXPECT_EQ(results[0]->StackIndex(), 3);  // right above the arguments
+  EXPECT_EQ(results[0]->AsInteger(), 7);
+  EXPECT_EQ(results[1]->AsString(), "done");
+  EXPECT_EQ(rt->RunFunc(rt->GetGlobalObject("sub"), {args[1], args[0]}).front()->AsInteger(), -7);
+
+  EXPECT_EQ(ThrownText([&] { rt->RunFunc("missing", {}); }), "RunFunc(): expected type: function, got type: nil");
+  EXPECT_EQ(ThrownText([&] { rt->RunFunc(args[0], {}); }), "RunFunc(): expected type: function, got type: number");
+}
+
+TEST(RunTime, GlobalsAndPackagePathLeaveTheStackBalanced) {
+  auto rt = RunTime::Create();
+  const std::string path = Eval(rt, "return package.path");
+  const std::string exePattern = utils::GetProgramExeDir() + "?.lua";
+  ASSERT_GE(path.size(), exePattern.size());
+  EXPECT_EQ(path.substr(path.size() - exePattern.size()), exePattern);  // lowest priority
+
+  rt->AddPackagePath("");
+  rt->AddPackagePath("/a/?.lua");
+  rt->AddPackagePaths({"/b/?.lua", "/c/?.lua"});
+  EXPECT_EQ(Eval(rt, "return package.path"), path + ";/a/?.lua;/b/?.lua;/c/?.lua");
+  EXPECT_TRUE(rt->IsStackEmpty());
+
+  rt->SetGlobalObject("answer", rt->CreateAtStack(42));
+  EXPECT_EQ(rt->StackTopIndex(), 1);
+  EXPECT_EQ(rt->GetGlobalObject("answer")->AsInteger(), 42);
+  EXPECT_EQ(rt->StackTopIndex(), 2);
+
+  rt->RunString("package = 1", false);
+  EXPECT_EQ(ThrownText([&] { rt->AddPackagePath("/d/?.lua"); }), "Invalid reference");
+}
+
+TEST(ErrorTexts, ScriptErrorsCarryMessageAndTraceback) {
+  auto rt = RunTime::Create();
+  const std::string text = ThrownText([&] { rt->RunString("local function f() error('boom') end f()", true); });
+  EXPECT_TRUE(StartsWith(text, "Lua: [string \"local function f() error('boom') end f()\"]:1: boom\n"
+                               "stack traceback:\n"))
+      << text;
+  EXPECT_NE(text.find("in local 'f'"), std::string::npos) << text;
+  for (const auto& c : std::vector<std::pair<std::string, std::string>>{{"error({})", "table"}, {"error(42)", "number"}}) {
+    const std::string thrown = ThrownText([&] { rt->RunString(c.first, true); });
+    EXPECT_TRUE(StartsWith(thrown, "Lua: Error object is " + c.second + " value\nstack traceback:\n")) << thrown;
+  }
+}
+
+TEST(ErrorTexts, LoadErrorsAndOverflowHaveNoTraceback) {
+  auto rt = RunTime::Create();
+  EXPECT_EQ(ThrownText([&] { rt->RunString("x = = 1", true); }),
+            "Lua: [string \"x = = 1\"]:1: unexpected symbol near '='");
+  EXPECT_EQ(ThrownText([&] { rt->RunFile("/nonexistent/script.lua", true); }),
+            "Lua: cannot open /nonexistent/script.lua: No such file or directory");
+  EXPECT_EQ(ThrownText([&] { rt->EnsureFreeStackSlots(2000000); }), "EnsureFreeStackSlots(): stack overflow");
+  EXPECT_FALSE(rt->ReserveFreeStackSlots(2000000));
+  EXPECT_TRUE(rt->IsValid());
+}
+
+TEST(Panic, ErrorOutsideAProtectedCallMarksTheRuntimeInvalid) {
+  auto rt = RunTime::Create();
+  try {
+    rt->Error("fatal thing");
+    FAIL() << "Error() returned";
+  } catch (const lua::RunTimePanic& e) {
+    EXPECT_STREQ(e.what(), "Lua panic: fatal thing");
+  }
+  EXPECT_FALSE(rt->IsValid());
+  // Dropping the runtime now closes the state; the sanitizer build checks that.
+}
+
+TEST(Panic, WrappedStateIsNeitherInitialisedNorClosed) {
+  lua_State* L = luaL_newstate();
+  {
+    auto wrapped = RunTime::Wrap(L);
+    wrapped->CreateAtStack(5);
+    EXPECT_EQ(lua_getglobal(L, "print"), LUA_TNIL);  // no libraries were opened
+    lua_pop(L, 1);
+  }
+  EXPECT_EQ(lua_tointeger(L, -1), 5);
+  lua_close(L);
+}
+
+TEST(StackDiscipline, CleanerRestoresTheTopAfterResultsAndExceptions) {
+  auto rt = RunTime::Create();
+  rt->RunString("function fail() error('x') end", true);
+  {
+    RunTime::StackCleaner cleaner(rt);
+    rt->RunString("return 1, 2, 3", false);
+  }
+  EXPECT_TRUE(rt->IsStackEmpty());
+
+  rt->CreateAtStack(1);
+  try {
+    RunTime::StackCleaner cleaner(rt);
+    rt->CreateAtStack(2);
+    rt->RunFunc("fail", {});
+  } catch (const lua::RunTimeError&) {
+  }
+  EXPECT_LE(rt->StackTopIndex(), 2);  // unwinding keeps at most the top value above the saved top
+  { RunTime::StackCleaner cleaner(rt, 1); }
+  EXPECT_EQ(rt->StackTopIndex(), 1);
+  {
+    RunTime::StackCleaner cleaner(rt, 0);
+    rt->CreateAtStack(2);
+  }
+  EXPECT_TRUE(rt->IsStackEmpty());
+  {
+    RunTime::StackCleaner cleaner(rt, 0);
+    rt->CreateAtStack(3);
+    cleaner.Disable();
+  }
+  { RunTime::StackCleaner cleaner(rt, 5); }  // never pushes to reach a higher saved top
+  EXPECT_EQ(rt->StackTopIndex(), 1);
+}
+
+TEST(StackDiscipline, RemoveShiftsSlotsDownAndIgnoresStaleHandles) {
+  auto rt = RunTime::Create();
+  rt->CreateTableAtStack();
+  rt->CreateAtStack(2);
+  auto c = rt->CreateTableAtStack();
+  rt->Remove(1);
+  EXPECT_EQ(rt->ObjType(1), LUA_TNUMBER);
+  EXPECT_FALSE(c->IsValid());  // its table moved down to slot 2
+  rt->Remove(c);
+  EXPECT_EQ(rt->StackTopIndex(), 2);
+  rt->Remove(rt->ObjectAtStack(2));
+  EXPECT_EQ(rt->StackTopIndex(), 1);
+}
+
+}  // namespace

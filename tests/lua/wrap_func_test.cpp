@@ -1,0 +1,263 @@
+#include "lua/wrap_func.h"
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <boost/pointer_cast.hpp>
+#include <gtest/gtest.h>
+
+#include "lua/object_ref.h"
+#include "lua/runtime.h"
+#include "lua/script_test_util.h"
+
+namespace {
+
+using lua::ObjectRef;
+using lua::RunTime;
+using lua::TableRef;
+using lua::WrapFunc;
+using lua_test::Eval;
+using lua_test::Expose;
+using lua_test::StartsWith;
+using lua_test::ThrownText;
+using Args = std::vector<boost::shared_ptr<ObjectRef>>;
+
+int Describe(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  std::string text;
+  for (const auto& arg : args) {
+    if (boost::dynamic_pointer_cast<TableRef>(arg)) text += "T:";
+    text += arg->TypeName() + "@" + std::to_string(arg->StackIndex()) + " ";
+  }
+  rt->CreateAtStack(text);
+  return 1;
+}
+
+// Pushes one value and claims as many results as its argument says.
+int ClaimResults(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  rt->CreateAtStack(1);
+  return static_cast<int>(args[0]->AsInteger());
+}
+
+int Throw(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  const std::string what = args.empty() ? rt->ObjectAtStack(0)->AsString() : args[0]->AsString();
+  throw std::runtime_error("bad " + what);
+}
+
+int RaiseUnderCleaner(boost::shared_ptr<RunTime>& rt, const Args&) {
+  RunTime::StackCleaner cleaner(rt);
+  rt->CreateAtStack("junk");
+  rt->CreateTableAtStack();
+  rt->Error("own message");
+}
+
+struct Tracked {
+  static int live;
+  Tracked() { ++live; }
+  Tracked(const Tracked&) { ++live; }
+  ~Tracked() { --live; }
+};
+int Tracked::live = 0;
+
+// Holds handles, a vector, a closure and a string when it leaves by an error.
+int RaiseHoldingResources(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  std::vector<Tracked> held(3);
+  auto text = rt->CreateAtStack(std::string(64, 'x'));
+  auto table = rt->CreateTableAtStack();
+  Tracked captured;
+  lua::NativeFunction closure = [captured](boost::shared_ptr<RunTime>&, const Args&) { return 0; };
+  if (args[0]->AsInteger() % 2 == 0) throw std::runtime_error("host failure");
+  rt->Error("script failure");
+}
+
+int Sum(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  long long sum = 0;
+  for (const auto& arg : args) sum += arg->AsInteger();
+  rt->CreateAtStack(sum);
+  return 1;
+}
+
+// Calls back into the script while its own argument handles are in use.
+int CallBack(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  auto results = rt->RunFunc("middle", {args[1]});
+  if (!args[0]->IsValid() || !args[1]->IsValid()) rt->Error("arguments clobbered");
+  rt->CreateAtStack(args[0]->AsInteger() * 1000 + results.front()->AsInteger());
+  return 1;
+}
+
+boost::shared_ptr<ObjectRef> gKeptArgument;
+
+int KeepFirstArgument(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  if (!gKeptArgument) gKeptArgument = args[0];
+  rt->CreateAtStack(gKeptArgument->Type());
+  return 1;
+}
+
+int Result(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  const std::string mode = args[0]->AsString();
+  if (mode == "void") return rt->VoidResult();
+  if (mode == "nil result") return rt->NilResult();
+  if (mode == "empty string") rt->CreateResultAtStack(std::string());
+  if (mode == "empty c string") rt->CreateResultAtStack("");
+  if (mode == "empty string handle") rt->CreateResultAtStack(rt->CreateAtStack(""));
+  if (mode == "empty table") rt->CreateResultAtStack(rt->CreateTableAtStack());
+  if (mode == "placeholder") rt->CreateResultAtStack(lua::NilResultPlaceholder());
+  if (mode == "binary") rt->CreateResultAtStack(std::string("a\0b", 3));
+  if (mode == "table") {
+    auto table = rt->CreateTableAtStack();
+    table->Append(1);
+    rt->CreateResultAtStack(table);
+  }
+  return 1;
+}
+
+int Checked(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  rt->CheckArgsCount(args, 2);
+  rt->CheckArgsCount(2);
+  rt->CheckType(args[0], LUA_TSTRING, "name");
+  rt->CheckType(0, LUA_TNONE, "none");
+  rt->CheckType(2, LUA_TNIL, "second");
+  return rt->VoidResult();
+}
+
+int ReadUpvalue(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  rt->CreateAtStack(rt->GetUpValue(static_cast<int>(args[0]->AsInteger())));
+  return 1;
+}
+
+TEST(Adapter, ArgumentsArriveAsHandlesInOrder) {
+  auto rt = RunTime::Create();
+  Expose(rt, "describe", WrapFunc<&Describe>);
+  EXPECT_EQ(Eval(rt, "return describe(1, 'a', {}, nil)"), "number@1 string@2 T:table@3 nil@4 ");
+  EXPECT_EQ(Eval(rt, "return describe()"), "");
+  EXPECT_EQ(Eval(rt, "return describe({}, 2)"), "T:table@1 number@2 ");  // reused handles change kind
+}
+
+TEST(Adapter, ResultCountGuards) {
+  auto rt = RunTime::Create();
+  Expose(rt, "claim", WrapFunc<&ClaimResults>);
+  EXPECT_EQ(Eval(rt, "return select(2, pcall(claim, -1))"), "Negative results count: -1");
+  EXPECT_EQ(Eval(rt, "return select(2, pcall(claim, 3))"),
+            "Stack underflow: the results count is greater than the stack size: 3 > 2");
+  EXPECT_EQ(Eval(rt, "return select('#', claim(2))"), "2");
+}
+
+TEST(Adapter, HostExceptionsBecomeScriptErrors) {
+  auto rt = RunTime::Create();
+  Expose(rt, "throw", WrapFunc<&Throw>);
+  EXPECT_EQ(Eval(rt, "return select(2, pcall(throw, 'input'))"), "Cpp: bad input");
+  const std::string text = ThrownText([&] { rt->RunString("throw('call')", true); });
+  EXPECT_TRUE(StartsWith(text, "Lua: [string \"throw('call')\"]:1: Cpp: bad call\nstack traceback:\n")) << text;
+  // A handle error inside a body is a host exception too.
+  EXPECT_EQ(Eval(rt, "return select(2, pcall(throw))"), "Cpp: ObjectAtStack(): invalid stack index: 0");
+  EXPECT_TRUE(rt->IsValid());
+  EXPECT_EQ(Eval(rt, "return 1 + 1"), "2");
+}
+
+TEST(Adapter, CleanerInARaisingBodyKeepsTheErrorMessage) {
+  auto rt = RunTime::Create();
+  Expose(rt, "raise", WrapFunc<&RaiseUnderCleaner>);
+  EXPECT_EQ(Eval(rt, "return select(2, pcall(raise, 1, 2, 3))"), "own message");
+  const std::string text = ThrownText([&] { rt->RunString("raise(1, 2, 3)", true); });
+  EXPECT_TRUE(StartsWith(text, "Lua: [string \"raise(1, 2, 3)\"]:1: own message\nstack traceback:\n")) << text;
+}
+
+TEST(Adapter, RaisingBodyReleasesEverythingItHeld) {
+  auto rt = RunTime::Create();
+  Expose(rt, "raise", WrapFunc<&RaiseHoldingResources>);
+  EXPECT_EQ(Eval(rt, "local failures = 0 "
+                     "for i = 1, 100000 do if not pcall(raise, i) then failures = failures + 1 end end "
+                     "return failures"),
+            "100000");
+  EXPECT_EQ(Tracked::live, 0);
+}
+
+TEST(Adapter, NestedCallsKeepTheirOwnArguments) {
+  auto rt = RunTime::Create();
+  Expose(rt, "callback", WrapFunc<&CallBack>);
+  Expose(rt, "sum", WrapFunc<&Sum>);
+  rt->RunString("function middle(x) return sum(x, x, x) end", true);
+  EXPECT_EQ(Eval(rt, "return callback(5, 7)"), "5021");
+
+  Expose(rt, "keep", WrapFunc<&KeepFirstArgument>);
+  EXPECT_EQ(Eval(rt, "keep(1) return keep('text')"), std::to_string(LUA_TNUMBER));
+  gKeptArgument.reset();
+}
+
+TEST(Closures, CallTheirFunctionAndReleaseItWhenCollected) {
+  auto rt = RunTime::Create();
+  auto counter = std::make_shared<long long>(0);
+  {
+    RunTime::StackCleaner cleaner(rt);
+    lua::NativeFunction bump = [counter](boost::shared_ptr<RunTime>& rt, const Args& args) -> int {
+      if (args.empty()) throw std::logic_error("nothing to add");
+      for (const auto& arg : args) *counter += arg->AsInteger();
+      rt->CreateAtStack(*counter);
+      return 1;
+    };
+    rt->SetGlobalObject("bump", rt->CreateAtStack(bump));
+  }
+  EXPECT_EQ(Eval(rt, "bump(1, 2) return bump(3)"), "6");
+  EXPECT_EQ(Eval(rt, "return select(2, pcall(bump))"), "Cpp: nothing to add");
+  EXPECT_EQ(Eval(rt, "local ud = select(2, debug.getupvalue(bump, 1)) "
+                     "return select(2, pcall(getmetatable(ud).__gc))"),
+            "Expected 1 argument");
+  EXPECT_EQ(counter.use_count(), 2);
+  rt->RunString("bump = nil", true);
+  rt->CollectGarbage();
+  EXPECT_EQ(counter.use_count(), 1);
+}
+
+TEST(ResultHelpers, EmptyStringsAndTablesBecomeNil) {
+  auto rt = RunTime::Create();
+  Expose(rt, "result", WrapFunc<&Result>);
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"void", "0"},
+      {"nil result", "1 nil"},
+      {"empty string", "1 nil"},
+      {"empty c string", "1 nil"},
+      {"empty string handle", "1 nil"},
+      {"empty table", "1 nil"},
+      {"placeholder", "1 nil"},
+      {"binary", "1 string 3"},
+      {"table", "1 table 1"},
+  };
+  for (const auto& c : cases) {
+    const std::string code = "local n, v = select('#', result('" + c.first + "')), result('" + c.first + "') "
+                             "if n == 0 then return '0' end "
+                             "if v == nil then return n .. ' nil' end return n .. ' ' .. type(v) .. ' ' .. #v";
+    EXPECT_EQ(Eval(rt, code), c.second) << c.first;
+  }
+}
+
+TEST(ArgumentChecks, RaiseScriptErrorsWithTheExpectedTexts) {
+  auto rt = RunTime::Create();
+  Expose(rt, "checked", WrapFunc<&Checked>);
+  EXPECT_EQ(Eval(rt, "return select(2, pcall(checked, 1))"), "expected 2 args");
+  EXPECT_EQ(Eval(rt, "return select(2, pcall(checked, 1, 2))"), "name: expected type 'string', got 'number'");
+  EXPECT_EQ(Eval(rt, "return select(2, pcall(checked, 'a', 2))"), "second: expected type 'nil', got 'number'");
+  EXPECT_EQ(Eval(rt, "return pcall(checked, 'a', nil)"), "true");
+}
+
+TEST(Helpers, LibraryTablesWeakTablesAndUpvalues) {
+  auto rt = RunTime::Create();
+  RunTime::StackCleaner cleaner(rt);
+  rt->SetGlobalObject("lib", rt->CreateLibTable({{"f", WrapFunc<&Describe>}, {"data", nullptr}, {nullptr, nullptr}}));
+  EXPECT_EQ(Eval(rt, "return type(lib.f) .. ' ' .. tostring(lib.data)"), "function false");
+  EXPECT_TRUE(rt->CreateLibTable({})->Empty());
+
+  rt->SetGlobalObject("weak", rt->CreateWeakTableAtStack(RunTime::WeakValues));
+  rt->RunString("weak[1] = {} weak[2] = 'kept'", false);
+  rt->CollectGarbage();
+  EXPECT_EQ(Eval(rt, "return tostring(weak[1]) .. ' ' .. weak[2] .. ' ' .. getmetatable(weak).__mode"), "nil kept v");
+  EXPECT_EQ(ThrownText([&] { rt->CreateWeakTableAtStack(static_cast<RunTime::WeakTableType>(3)); }),
+            "CreateWeakTableAtStack(): invalid weak table type: 3");
+
+  rt->SetGlobalObject("up", rt->CreateAtStack(WrapFunc<&ReadUpvalue>, {rt->CreateAtStack("first")}));
+  EXPECT_EQ(Eval(rt, "return up(1)"), "first");
+  EXPECT_TRUE(StartsWith(Eval(rt, "return select(2, pcall(up, 2))"), "Cpp: ObjectAtStack(): invalid stack index: -"));
+  EXPECT_EQ(ThrownText([&] { rt->GetUpValue(1); }), "ObjectAtStack(): invalid stack index: -1001001");
+}
+
+}  // namespace
