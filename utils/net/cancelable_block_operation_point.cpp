@@ -1,0 +1,152 @@
+#include "utils/net/cancelable_block_operation_point.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+
+#include "utils/error.h"
+#include "utils/time.h"
+
+namespace utils {
+namespace impl {
+
+namespace {
+
+bool SetNonBlocking(int descriptor) {
+  const int flags = fcntl(descriptor, F_GETFL, 0);
+  return flags != -1 && fcntl(descriptor, F_SETFL, flags | O_NONBLOCK) != -1;
+}
+
+// Tracks one overall deadline across the polls of a wait that EINTR or a
+// stolen wake-up byte interrupted.
+class PollTimer {
+ public:
+  explicit PollTimer(int timeoutMs)
+      : timeoutMs_(timeoutMs),
+        deadline_(timeoutMs > 0 ? GetMonotonicTimeInMs() + timeoutMs : 0),
+        current_(timeoutMs < 0 ? -1 : timeoutMs) {}
+
+  int Current() const { return current_; }
+  void Recompute() {
+    if (timeoutMs_ > 0) {
+      current_ = static_cast<int>(std::max<int64_t>(0, deadline_ - GetMonotonicTimeInMs()));
+    }
+  }
+
+ private:
+  int timeoutMs_;
+  int64_t deadline_;
+  int current_;
+};
+
+enum class PipeByte { kTaken, kNone, kBroken };
+
+// Another waiter may have taken the byte between poll and read (EAGAIN).
+PipeByte TakeWakeUpByte(int readEnd) {
+  unsigned char byte;
+  const ssize_t count = read(readEnd, &byte, 1);
+  if (count == 1) return PipeByte::kTaken;
+  if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+    return PipeByte::kNone;
+  }
+  return PipeByte::kBroken;
+}
+
+}  // namespace
+
+CancelableBlockOperationPoint::CancelableBlockOperationPoint() {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) throw Error("pipe() failed");
+  if (!SetNonBlocking(ends[0]) || !SetNonBlocking(ends[1])) {
+    const int savedErrno = errno;
+    close(ends[0]);
+    close(ends[1]);
+    throw Error("fcntl() failed", savedErrno);
+  }
+  readEnd_ = ends[0];
+  writeEnd_ = ends[1];
+}
+
+CancelableBlockOperationPoint::~CancelableBlockOperationPoint() {
+  close(readEnd_);
+  close(writeEnd_);
+  readEnd_ = -1;
+  writeEnd_ = -1;
+}
+
+int CancelableBlockOperationPoint::WaitFor(int descriptor, OperationType_t type, int timeoutMs) {
+  short events;
+  switch (type) {
+    case OperationRead:
+      events = POLLIN;
+      break;
+    case OperationWrite:
+    case OperationConnect:
+      events = POLLOUT;
+      break;
+    case OperationExcept:
+      events = POLLPRI;
+      break;
+    default:
+      return WaitFailed;
+  }
+  // The pipe comes first so that a cancellation wins over readiness.
+  pollfd entries[2] = {{readEnd_, POLLIN, 0}, {descriptor, events, 0}};
+  PollTimer timer(timeoutMs);
+  for (;;) {
+    const int ready = poll(entries, 2, timer.Current());
+    if (ready == 0) return WaitTimedOut;
+    if (ready < 0) {
+      if (errno != EINTR) return WaitFailed;
+    } else {
+      if (entries[0].revents == 0) return WaitReady;
+      switch (TakeWakeUpByte(readEnd_)) {
+        case PipeByte::kTaken:
+          return WaitCanceled;
+        case PipeByte::kBroken:
+          return WaitFailed;
+        case PipeByte::kNone:
+          break;
+      }
+    }
+    timer.Recompute();
+  }
+}
+
+int CancelableBlockOperationPoint::Sleep(int ms) {
+  pollfd entry = {readEnd_, POLLIN, 0};
+  PollTimer timer(ms);
+  for (;;) {
+    const int ready = poll(&entry, 1, timer.Current());
+    if (ready == 0) return 0;
+    if (ready < 0) {
+      if (errno != EINTR) return 2;
+    } else {
+      switch (TakeWakeUpByte(readEnd_)) {
+        case PipeByte::kTaken:
+          return 1;
+        case PipeByte::kBroken:
+          return 2;
+        case PipeByte::kNone:
+          break;
+      }
+    }
+    timer.Recompute();
+  }
+}
+
+bool CancelableBlockOperationPoint::Cancel() {
+  const unsigned char wakeUp = 0;
+  ssize_t written;
+  do {
+    written = write(writeEnd_, &wakeUp, 1);
+  } while (written < 0 && errno == EINTR);
+  return written == 1;
+}
+
+}  // namespace impl
+}  // namespace utils
