@@ -8,6 +8,7 @@
 #include <string>
 
 #include <boost/shared_ptr.hpp>
+#include <json/value.h>
 #include <lua.hpp>
 
 #include "lua/runtime.h"
@@ -24,6 +25,10 @@ class ObjectRef : private utils::Noncopyable {
   ObjectRef(const boost::shared_ptr<RunTime>& rt, int index);
   ObjectRef(boost::shared_ptr<RunTime>&& rt, int index);
   virtual ~ObjectRef();
+  // The value as JSON (lua/json.h). Numbers and booleans must still be in
+  // their slot ("Invalid reference"); nil is null; any other scalar becomes
+  // the text tostring() gives it, except json.null, which is null.
+  virtual Json::Value AsJsonValue() const;
 
   // The type at creation; -1 when made with index 0.
   int Type() const { return type_; }
@@ -74,6 +79,18 @@ class TableRef : public ObjectRef {
   // Throws RunTimeError unless the slot holds a table.
   TableRef(const boost::shared_ptr<RunTime>& rt, int index);
   TableRef(boost::shared_ptr<RunTime>&& rt, int index);
+
+  // JSON by the table's annotation (lua/json.h): an object, an array, or,
+  // when not annotated, an array if every key is an integer >= 1 (an empty
+  // table included) and an object otherwise. Nested values convert the same
+  // way; nesting deeper than kMaxJsonDepth (a table that contains itself)
+  // throws RunTimeError.
+  Json::Value AsJsonValue() const override;
+  // Every key must be an integer >= 1; missing positions become null.
+  Json::Value AsJsonArray() const;
+  // Member names are the keys as tostring() renders them.
+  Json::Value AsJsonObject() const;
+  Json::Value AsJsonArrayOrObject() const;
 
   // Raw read. A key on the stack top is replaced by the value; any other key is
   // copied first, so the read adds one slot.

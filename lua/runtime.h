@@ -16,6 +16,7 @@
 
 #include <boost/enable_shared_from_this.hpp>
 #include <boost/shared_ptr.hpp>
+#include <json/value.h>
 #include <lua.hpp>
 
 #include "utils/noncopyable.h"
@@ -99,6 +100,10 @@ class RunTime : public boost::enable_shared_from_this<RunTime>, private utils::N
   std::vector<boost::shared_ptr<ObjectRef>> RunFile(const std::string& path,
                                                     const boost::shared_ptr<TableRef>& args,
                                                     bool clearStack);
+  // init_data is `args` converted by CreateAtStack(const Json::Value&); it
+  // must be an object or an array.
+  std::vector<boost::shared_ptr<ObjectRef>> RunFile(const std::string& path, const Json::Value& args,
+                                                    bool clearStack);
   std::vector<boost::shared_ptr<ObjectRef>> RunString(const std::string& code, bool clearStack);
   std::vector<boost::shared_ptr<ObjectRef>> RunString(
       const std::string& code, const std::vector<boost::shared_ptr<ObjectRef>>& args,
@@ -151,6 +156,13 @@ class RunTime : public boost::enable_shared_from_this<RunTime>, private utils::N
   // A script function that calls a copy of `value`, kept in a userdata that
   // destroys it when collected.
   boost::shared_ptr<ObjectRef> CreateAtStack(const NativeFunction& value);
+  // The JSON value converted (lua/json.h): arrays and objects become tables
+  // annotated as such, null members and elements are left out. On failure the
+  // stack is restored and RunTimeError names the cause.
+  boost::shared_ptr<ObjectRef> CreateAtStack(const Json::Value& value);
+  // As CreateAtStack(const Json::Value&) without the guard: a failure leaves
+  // the partly built value on the stack.
+  boost::shared_ptr<ObjectRef> ConvertToLuaObject(const Json::Value& value);
 
   // Results for native function bodies: an empty string or table becomes nil.
   boost::shared_ptr<ObjectRef> CreateResultAtStack(const std::string& value);

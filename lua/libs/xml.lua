@@ -109,8 +109,9 @@ local TRACING_CALLBACKS = {
 
 local function parseSax(content, callbacks, options)
   callbacks = callbacks or TRACING_CALLBACKS
-  local onStart, onAttribute, onClose = callbacks.startElement, callbacks.attribute, callbacks.closeElement
-  local onText, onComment, onPi = callbacks.text, callbacks.comment, callbacks.pi
+  local onStart, onAttribute = callbacks.startElement, callbacks.attribute
+  local onClose, onText = callbacks.closeElement, callbacks.text
+  local onComment, onPi = callbacks.comment, callbacks.pi
   local stripWhitespace = options and options.stripWhitespace
 
   local length = #content
@@ -163,21 +164,23 @@ local function parseSax(content, callbacks, options)
 
   -- Reports the text since the last construct, which ends before upTo.
   local function flushText(upTo)
-    if upTo > textStart and onText then
-      local text = sub(content, textStart, upTo - 1)
-      if stripWhitespace then
-        text = trim(text)
-      end
-      if text ~= "" then
-        if nextAmpersand < textStart then
-          nextAmpersand = find(content, "&", textStart, true) or length + 1
-        end
-        if nextAmpersand < upTo then
-          text = unescape(text)
-        end
-        onText(text)
+    if upTo <= textStart or not onText then
+      return
+    end
+    local text = sub(content, textStart, upTo - 1)
+    if stripWhitespace then
+      text = trim(text)
+      if text == "" then
+        return
       end
     end
+    if nextAmpersand < textStart then
+      nextAmpersand = find(content, "&", textStart, true) or length + 1
+    end
+    if nextAmpersand < upTo then
+      text = unescape(text)
+    end
+    onText(text)
   end
 
   local function addAttribute(name, value)
@@ -546,7 +549,9 @@ end
 -- Writer
 
 local TEXT_ESCAPES = { ["&"] = "&amp;", ["<"] = "&lt;", [">"] = "&gt;" }
-local ATTRIBUTE_ESCAPES = { ["&"] = "&amp;", ["<"] = "&lt;", [">"] = "&gt;", ["\""] = "&quot;", ["'"] = "&apos;" }
+local ATTRIBUTE_ESCAPES = {
+  ["&"] = "&amp;", ["<"] = "&lt;", [">"] = "&gt;", ["\""] = "&quot;", ["'"] = "&apos;",
+}
 
 -- Used by every write() call without options; it keeps what write() sets in it.
 local sharedWriteOptions = {}

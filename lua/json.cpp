@@ -1,0 +1,439 @@
+#include "lua/json.h"
+
+#include <exception>
+#include <limits>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "lua/internal/handles.h"
+#include "lua/internal/json_meta.h"
+
+namespace lua {
+
+namespace {
+
+// Registry keys of the shared metadata tables, one per annotation.
+const char kSharedMetadataKeys[3] = {};
+// json.null's address.
+const char kJsonNull = 0;
+
+const char kInvalidReference[] = "Invalid reference";
+
+// The key's text as tostring() gives it.
+std::string KeyText(lua_State* L, int index) {
+  size_t length = 0;
+  if (lua_type(L, index) == LUA_TSTRING) {
+    const char* text = lua_tolstring(L, index, &length);
+    return std::string(text, length);
+  }
+  const char* text = luaL_tolstring(L, index, &length);
+  std::string result(text, length);
+  lua_pop(L, 1);
+  return result;
+}
+
+// jsoncpp addresses array elements with 32-bit indices, and an array's size is
+// its last index + 1, so the largest usable key is UINT_MAX.
+bool ArrayKey(lua_State* L, int index, Json::ArrayIndex* position) {
+  if (!lua_isinteger(L, index)) return false;
+  const lua_Integer key = lua_tointeger(L, index);
+  if (key < 1 || static_cast<unsigned long long>(key) > std::numeric_limits<Json::ArrayIndex>::max()) {
+    return false;
+  }
+  *position = static_cast<Json::ArrayIndex>(key - 1);
+  return true;
+}
+
+// Script values to Json::Value. Tables are walked on the raw stack; every
+// level restores the stack it found.
+class LuaToJson {
+ public:
+  explicit LuaToJson(RunTime& rt) : rt_(rt), L_(rt.State()) {
+    rt_.EnsureFreeStackSlots(10);
+    metas_ = detatils::PushAllMetadatas(L_);
+  }
+
+  Json::Value Value(int index, int depth) {
+    switch (lua_type(L_, index)) {
+      case LUA_TNIL: return Json::Value();
+      case LUA_TBOOLEAN: return Json::Value(lua_toboolean(L_, index) != 0);
+      case LUA_TNUMBER:
+        if (lua_isinteger(L_, index)) return Json::Value(static_cast<Json::Int64>(lua_tointeger(L_, index)));
+        return Json::Value(lua_tonumber(L_, index));
+      case LUA_TTABLE: return Table(index, depth);
+      case LUA_TLIGHTUSERDATA:
+        if (lua_touserdata(L_, index) == JsonNullValue()) return Json::Value();
+        break;
+      default: break;
+    }
+    return Json::Value(KeyText(L_, index));
+  }
+
+  Json::Value Table(int index, int depth) {
+    const lua_Integer type = detatils::AnnotationOf(L_, metas_, index);
+    switch (type) {
+      case JsonAnnotatedObject: return Object(index, depth);
+      case JsonAnnotatedArray: return Array(index, depth);
+      case JsonNotAnnotated: return ArrayOrObject(index, depth);
+      default: break;
+    }
+    throw RunTimeError("AsJsonValue(): bad annotated type: '" + std::to_string(type) + "'");
+  }
+
+  Json::Value Array(int index, int depth) {
+    Enter(depth);
+    Json::Value result(Json::arrayValue);
+    lua_pushnil(L_);
+    while (lua_next(L_, index) != 0) {  // [key, value]
+      if (lua_type(L_, -2) != LUA_TNUMBER) throw RunTimeError(kInvalidReference);
+      Json::ArrayIndex position = 0;
+      if (!ArrayKey(L_, -2, &position)) {
+        throw RunTimeError("AsJsonArray(): invalid array index: '" + KeyText(L_, -2) + "'");
+      }
+      result[position] = Value(lua_gettop(L_), depth + 1);
+      lua_pop(L_, 1);
+    }
+    return result;
+  }
+
+  Json::Value Object(int index, int depth) {
+    Enter(depth);
+    Json::Value result(Json::objectValue);
+    lua_pushnil(L_);
+    while (lua_next(L_, index) != 0) {  // [key, value]
+      // Named first: luaL_tolstring pushes above the value.
+      const std::string name = KeyText(L_, -2);
+      result[name] = Value(lua_gettop(L_), depth + 1);
+      lua_pop(L_, 1);
+    }
+    return result;
+  }
+
+  // Each value is converted once and kept with its key until the keys have
+  // decided between array and object; building both side by side would copy
+  // every nested value once per level.
+  Json::Value ArrayOrObject(int index, int depth) {
+    Enter(depth);
+    struct Entry {
+      bool positional;
+      Json::ArrayIndex position;
+      std::string name;
+      Json::Value value;
+    };
+    std::vector<Entry> entries;
+    bool arrayLike = true;
+    lua_pushnil(L_);
+    while (lua_next(L_, index) != 0) {  // [key, value]
+      Entry entry{false, 0, std::string(), Json::Value()};
+      if (ArrayKey(L_, -2, &entry.position)) {
+        entry.positional = true;
+      } else {
+        arrayLike = false;
+        entry.name = KeyText(L_, -2);
+      }
+      entry.value = Value(lua_gettop(L_), depth + 1);
+      entries.push_back(std::move(entry));
+      lua_pop(L_, 1);
+    }
+    if (arrayLike) {
+      Json::Value result(Json::arrayValue);
+      for (Entry& entry : entries) result[entry.position] = std::move(entry.value);
+      return result;
+    }
+    Json::Value result(Json::objectValue);
+    for (Entry& entry : entries) {
+      // An integer key's text is its decimal form, as tostring() gives it.
+      const std::string name =
+          entry.positional ? std::to_string(static_cast<unsigned long long>(entry.position) + 1) : entry.name;
+      result[name] = std::move(entry.value);
+    }
+    return result;
+  }
+
+ private:
+  void Enter(int depth) {
+    if (depth >= kMaxJsonDepth) {
+      throw RunTimeError("AsJsonValue(): tables nested deeper than " + std::to_string(kMaxJsonDepth) +
+                         " levels (a table that contains itself?)");
+    }
+    rt_.EnsureFreeStackSlots(10);
+  }
+
+  RunTime& rt_;
+  lua_State* L_;
+  int metas_ = 0;
+};
+
+// Json::Value to script values, annotating every table it makes. The table of
+// metadata and the two shared metadata tables sit on the stack below the
+// value while it is built.
+class JsonToLua {
+ public:
+  explicit JsonToLua(RunTime& rt) : rt_(rt), L_(rt.State()) {
+    rt_.EnsureFreeStackSlots(10);
+    base_ = lua_gettop(L_);
+    metas_ = detatils::PushAllMetadatas(L_);
+    if (metas_ != 0) {
+      detatils::PushSharedMetadata(L_, JsonAnnotatedObject);
+      objectMeta_ = lua_gettop(L_);
+      detatils::PushSharedMetadata(L_, JsonAnnotatedArray);
+      arrayMeta_ = lua_gettop(L_);
+    }
+  }
+
+  // Pushes the converted value, then drops the helpers below it.
+  void Convert(const Json::Value& value) {
+    Push(value, 0);
+    if (lua_gettop(L_) > base_ + 1) {
+      lua_replace(L_, base_ + 1);
+      lua_settop(L_, base_ + 1);
+    }
+  }
+
+ private:
+  void Push(const Json::Value& value, int depth) {
+    switch (value.type()) {
+      case Json::intValue:
+      case Json::uintValue:
+        // Above the signed range jsoncpp throws, which is the caller's error.
+        lua_pushinteger(L_, static_cast<lua_Integer>(value.asInt64()));
+        return;
+      case Json::realValue: lua_pushnumber(L_, value.asDouble()); return;
+      case Json::stringValue: lua_pushstring(L_, value.asCString()); return;
+      case Json::booleanValue: lua_pushboolean(L_, value.asBool() ? 1 : 0); return;
+      case Json::arrayValue: PushArray(value, depth); return;
+      case Json::objectValue: PushObject(value, depth); return;
+      default: lua_pushnil(L_); return;
+    }
+  }
+
+  void PushArray(const Json::Value& value, int depth) {
+    Enter(depth);
+    lua_createtable(L_, static_cast<int>(value.size()), 0);
+    const int table = lua_gettop(L_);
+    Annotate(table, arrayMeta_);
+    for (auto it = value.begin(); it != value.end(); ++it) {
+      if (it->isNull()) continue;
+      Push(*it, depth + 1);
+      lua_rawseti(L_, table, static_cast<lua_Integer>(it.index()) + 1);
+    }
+  }
+
+  void PushObject(const Json::Value& value, int depth) {
+    Enter(depth);
+    lua_createtable(L_, 0, static_cast<int>(value.size()));
+    const int table = lua_gettop(L_);
+    Annotate(table, objectMeta_);
+    for (auto it = value.begin(); it != value.end(); ++it) {
+      if (it->isNull()) continue;
+      const char* end = nullptr;
+      const char* name = it.memberName(&end);
+      lua_pushlstring(L_, name, static_cast<size_t>(end - name));
+      Push(*it, depth + 1);
+      lua_rawset(L_, table);
+    }
+  }
+
+  void Annotate(int table, int metadata) {
+    if (metas_ == 0) return;
+    lua_pushvalue(L_, table);
+    lua_pushvalue(L_, metadata);
+    lua_rawset(L_, metas_);
+  }
+
+  void Enter(int depth) {
+    if (depth >= kMaxJsonDepth) {
+      throw RunTimeError("ConvertToLuaObject(): JSON nested deeper than " + std::to_string(kMaxJsonDepth) +
+                         " levels");
+    }
+    rt_.EnsureFreeStackSlots(10);
+  }
+
+  RunTime& rt_;
+  lua_State* L_;
+  int base_ = 0;
+  int metas_ = 0;
+  int objectMeta_ = 0;
+  int arrayMeta_ = 0;
+};
+
+}  // namespace
+
+namespace detatils {
+
+int PushAllMetadatas(lua_State* L) {
+  lua_getfield(L, LUA_REGISTRYINDEX, LUA_LOADED_TABLE);  // [loaded]
+  if (lua_type(L, -1) == LUA_TTABLE) {
+    lua_pushliteral(L, "json");
+    if (lua_rawget(L, -2) == LUA_TTABLE) {  // [loaded, json]
+      lua_pushstring(L, GetAllMetadatasTableName().c_str());
+      if (lua_rawget(L, -2) == LUA_TTABLE) {  // [loaded, json, metas]
+        lua_replace(L, -3);
+        lua_pop(L, 1);
+        return lua_gettop(L);
+      }
+      lua_pop(L, 1);
+    }
+    lua_pop(L, 1);
+  }
+  lua_pop(L, 1);
+  return 0;
+}
+
+void PushSharedMetadata(lua_State* L, int type) {
+  const void* key = &kSharedMetadataKeys[type];
+  if (lua_rawgetp(L, LUA_REGISTRYINDEX, key) == LUA_TTABLE) return;
+  lua_pop(L, 1);
+  lua_createtable(L, 0, 1);
+  lua_pushinteger(L, type);
+  lua_setfield(L, -2, "type");
+  lua_pushvalue(L, -1);
+  lua_rawsetp(L, LUA_REGISTRYINDEX, key);
+}
+
+lua_Integer AnnotationOf(lua_State* L, int metas, int index) {
+  if (metas == 0) return JsonNotAnnotated;
+  lua_pushvalue(L, index);
+  if (lua_rawget(L, metas) != LUA_TTABLE) {
+    lua_pop(L, 1);
+    return JsonNotAnnotated;
+  }
+  lua_pushliteral(L, "type");
+  lua_rawget(L, -2);
+  int isInteger = 0;
+  const lua_Integer type = lua_tointegerx(L, -1, &isInteger);
+  lua_pop(L, 2);
+  return isInteger ? type : static_cast<lua_Integer>(JsonNotAnnotated);
+}
+
+void Annotate(lua_State* L, int metas, int index, int type) {
+  lua_pushvalue(L, index);
+  PushSharedMetadata(L, type);
+  lua_rawset(L, metas);
+}
+
+}  // namespace detatils
+
+const std::string& GetAllMetadatasTableName() {
+  static const std::string name("_$meta");
+  return name;
+}
+
+void* JsonNullValue() {
+  return const_cast<char*>(&kJsonNull);
+}
+
+boost::shared_ptr<TableRef> GetAllMetadatasTable(const boost::shared_ptr<RunTime>& rt) {
+  rt->EnsureFreeStackSlots(10);
+  if (detatils::PushAllMetadatas(rt->State()) == 0) return boost::shared_ptr<TableRef>();
+  return boost::static_pointer_cast<TableRef>(rt->ObjectAtStackTop());
+}
+
+boost::shared_ptr<TableRef> GetMetadataTable(const boost::shared_ptr<ObjectRef>& obj) {
+  if (!obj || !obj->IsValid()) throw RunTimeError(kInvalidReference);
+  const boost::shared_ptr<RunTime>& rt = obj->GetRunTime();
+  lua_State* L = rt->State();
+  rt->EnsureFreeStackSlots(10);
+  const int top = lua_gettop(L);
+  const int metas = detatils::PushAllMetadatas(L);
+  if (metas == 0) return boost::shared_ptr<TableRef>();
+  lua_pushvalue(L, obj->StackIndex());
+  if (lua_rawget(L, metas) != LUA_TTABLE) {  // [metas, metadata]
+    lua_settop(L, top);
+    return boost::shared_ptr<TableRef>();
+  }
+  lua_replace(L, metas);
+  return boost::static_pointer_cast<TableRef>(rt->ObjectAtStackTop());
+}
+
+JsonAnnotatedType GetJsonAnnotatedType(const boost::shared_ptr<ObjectRef>& obj) {
+  if (!obj || !obj->IsValid()) throw RunTimeError(kInvalidReference);
+  const boost::shared_ptr<RunTime>& rt = obj->GetRunTime();
+  RunTime::StackCleaner cleaner(rt);
+  rt->EnsureFreeStackSlots(10);
+  lua_State* L = rt->State();
+  const int metas = detatils::PushAllMetadatas(L);
+  return static_cast<JsonAnnotatedType>(detatils::AnnotationOf(L, metas, obj->StackIndex()));
+}
+
+void SetJsonAnnotatedType(const boost::shared_ptr<ObjectRef>& obj, JsonAnnotatedType type) {
+  if (!obj || !obj->IsValid()) throw RunTimeError(kInvalidReference);
+  const std::string number = std::to_string(static_cast<int>(type));
+  if (obj->Type() != LUA_TTABLE) {
+    throw RunTimeError("SetJsonAnnotatedType(): an attempt to annotate lua '" + obj->TypeName() + "' type as '" +
+                       number + "'");
+  }
+  if (type != JsonAnnotatedObject && type != JsonAnnotatedArray && type != JsonNotAnnotated) {
+    throw RunTimeError("SetJsonAnnotatedType(): invalid annotation type '" + number + "'");
+  }
+  const boost::shared_ptr<RunTime>& rt = obj->GetRunTime();
+  RunTime::StackCleaner cleaner(rt);
+  rt->EnsureFreeStackSlots(10);
+  lua_State* L = rt->State();
+  const int metas = detatils::PushAllMetadatas(L);
+  if (metas != 0) detatils::Annotate(L, metas, obj->StackIndex(), type);
+}
+
+Json::Value ObjectRef::AsJsonValue() const {
+  switch (type_) {
+    case LUA_TNUMBER:
+      CheckRef(LUA_TNUMBER);
+      if (lua_isinteger(L(), index_)) return Json::Value(static_cast<Json::Int64>(lua_tointeger(L(), index_)));
+      return Json::Value(lua_tonumber(L(), index_));
+    case LUA_TBOOLEAN: return Json::Value(AsBool());
+    case LUA_TNIL: return Json::Value();
+    case LUA_TLIGHTUSERDATA:
+      if (IsValid() && lua_touserdata(L(), index_) == JsonNullValue()) return Json::Value();
+      break;
+    default: break;
+  }
+  return Json::Value(AsString());
+}
+
+Json::Value TableRef::AsJsonValue() const {
+  CheckRef(LUA_TTABLE);
+  RunTime::StackCleaner cleaner(GetRunTime());
+  return LuaToJson(*GetRunTime()).Table(StackIndex(), 0);
+}
+
+Json::Value TableRef::AsJsonArray() const {
+  CheckRef(LUA_TTABLE);
+  RunTime::StackCleaner cleaner(GetRunTime());
+  return LuaToJson(*GetRunTime()).Array(StackIndex(), 0);
+}
+
+Json::Value TableRef::AsJsonObject() const {
+  CheckRef(LUA_TTABLE);
+  RunTime::StackCleaner cleaner(GetRunTime());
+  return LuaToJson(*GetRunTime()).Object(StackIndex(), 0);
+}
+
+Json::Value TableRef::AsJsonArrayOrObject() const {
+  CheckRef(LUA_TTABLE);
+  RunTime::StackCleaner cleaner(GetRunTime());
+  return LuaToJson(*GetRunTime()).ArrayOrObject(StackIndex(), 0);
+}
+
+boost::shared_ptr<ObjectRef> RunTime::ConvertToLuaObject(const Json::Value& value) {
+  JsonToLua(*this).Convert(value);
+  return detatils::MakeHandle(shared_from_this(), lua_gettop(state_));
+}
+
+boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(const Json::Value& value) {
+  const int top = lua_gettop(state_);
+  try {
+    return ConvertToLuaObject(value);
+  } catch (const std::exception& e) {
+    lua_settop(state_, top);
+    throw RunTimeError(std::string("CreateAtStack(): convert from Json to Lua error: ") + e.what());
+  }
+}
+
+std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunFile(const std::string& path, const Json::Value& args,
+                                                           bool clearStack) {
+  CreateAtStack(args);
+  return RunImpl(ChunkKind::File, path, clearStack);
+}
+
+}  // namespace lua

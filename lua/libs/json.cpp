@@ -1,0 +1,919 @@
+// The json script library: JSON text and files to script values and back,
+// json.null, array and object annotation, and a handle to a file-backed store.
+// Decoding parses with simdjson straight into Lua values; encoding writes
+// through utils::JsonWriter. Both follow the host conversion's rules: arrays
+// and objects are annotated, null members and elements are left out, and an
+// annotation decides how a table is written back.
+#include <clocale>
+#include <cstdlib>
+#include <cstring>
+#include <locale.h>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+#include <json/reader.h>
+#include <json/value.h>
+#include <lua.hpp>
+#include <simdjson.h>
+
+#include "lua/global_lib.h"
+#include "lua/internal/json_meta.h"
+#include "lua/json.h"
+#include "lua/libs/libs.h"
+#include "lua/object_ref.h"
+#include "lua/runtime.h"
+#include "lua/wrap_func.h"
+#include "utils/files.h"
+#include "utils/json_check.h"
+#include "utils/json_storage.h"
+#include "utils/json_writer.h"
+
+namespace lua {
+
+namespace {
+
+using Args = std::vector<boost::shared_ptr<ObjectRef>>;
+using Storage = std::shared_ptr<utils::JsonPersistentStorage>;
+namespace ondemand = simdjson::ondemand;
+
+const char kStorageMetatable[] = "corvane.json.storage";
+
+// ---- decoding ----
+
+// Text that a parser has grown to handle is kept for the thread's next call
+// up to this size; a larger one is freed with its call.
+constexpr size_t kMaxKeptInputBytes = size_t{1} << 20;
+
+// A parser and a padded copy of the input: simdjson reads up to
+// SIMDJSON_PADDING bytes past the text, more than a Lua string guarantees.
+struct DecodeScratch {
+  ondemand::parser parser;
+  std::unique_ptr<char[]> input;
+  size_t inputCapacity = 0;
+  bool busy = false;
+};
+
+thread_local std::unique_ptr<DecodeScratch> tDecodeScratch;
+
+// The thread's scratch for one decode. A finalizer that runs during a decode
+// (the collector steps while tables are made) may decode too; it gets a
+// scratch of its own.
+class ScratchLease {
+ public:
+  ScratchLease() {
+    if (!tDecodeScratch) tDecodeScratch = std::make_unique<DecodeScratch>();
+    if (tDecodeScratch->busy) {
+      own_ = std::make_unique<DecodeScratch>();
+      scratch_ = own_.get();
+    } else {
+      scratch_ = tDecodeScratch.get();
+    }
+    scratch_->busy = true;
+  }
+  ~ScratchLease() {
+    scratch_->busy = false;
+    if (scratch_ == tDecodeScratch.get() &&
+        (scratch_->inputCapacity > kMaxKeptInputBytes || scratch_->parser.capacity() > kMaxKeptInputBytes)) {
+      tDecodeScratch.reset();
+    }
+  }
+  ScratchLease(const ScratchLease&) = delete;
+  ScratchLease& operator=(const ScratchLease&) = delete;
+
+  DecodeScratch& operator*() const { return *scratch_; }
+  DecodeScratch* operator->() const { return scratch_; }
+
+ private:
+  std::unique_ptr<DecodeScratch> own_;
+  DecodeScratch* scratch_;
+};
+
+// strtod in the "C" locale: the host may have set a locale with a decimal comma.
+double ParseDouble(const std::string& text) {
+  static const locale_t cLocale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(nullptr));
+  return strtod_l(text.c_str(), nullptr, cLocale);
+}
+
+std::string_view TrimTrailingSpace(std::string_view text) {
+  while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\n' || text.back() == '\r')) {
+    text.remove_suffix(1);
+  }
+  return text;
+}
+
+std::string_view RawToken(ondemand::value& value) {
+  return value.raw_json_token();
+}
+
+std::string_view RawToken(ondemand::document& document) {
+  std::string_view token;
+  if (document.raw_json_token().get(token) != simdjson::SUCCESS) return std::string_view();
+  return token;
+}
+
+// Registry key of the member name cache.
+const char kNameCacheKey = 0;
+
+// Elements of one container gathered on the stack before they are moved into
+// its table, and the room kept free above them (a value and the moves).
+constexpr int kMaxPending = 4096;
+constexpr int kStackMargin = 16;
+
+// Builds script values from a simdjson document. Every container it makes is
+// annotated through the shared metadata tables on the stack.
+class Decoder {
+ public:
+  // Pushes the helpers it works with (see the members); `textEnd` ends the
+  // text that the document was made from.
+  Decoder(lua_State* L, const char* textEnd) : L_(L), textEnd_(textEnd) {
+    luaL_checkstack(L_, 10, "json.decode");
+    metas_ = detatils::PushAllMetadatas(L_);
+    if (metas_ != 0) {
+      detatils::PushSharedMetadata(L_, JsonAnnotatedObject);
+      objectMeta_ = lua_gettop(L_);
+      detatils::PushSharedMetadata(L_, JsonAnnotatedArray);
+      arrayMeta_ = lua_gettop(L_);
+    }
+    if (lua_rawgetp(L_, LUA_REGISTRYINDEX, &kNameCacheKey) != LUA_TTABLE) {
+      lua_pop(L_, 1);
+      lua_createtable(L_, kNameCacheSize, 0);
+      lua_pushvalue(L_, -1);
+      lua_rawsetp(L_, LUA_REGISTRYINDEX, &kNameCacheKey);
+    }
+    nameCache_ = lua_gettop(L_);
+  }
+
+  // Pushes the document's value: json.null for a null at the top.
+  simdjson::error_code Document(ondemand::document& document) {
+    ondemand::json_type type;
+    simdjson::error_code error = document.type().get(type);
+    if (error) return error;
+    if (type == ondemand::json_type::array || type == ondemand::json_type::object) {
+      ondemand::value value;
+      error = document.get_value().get(value);
+      if (!error) error = Value(value, type, 0);
+      if (!error && !AtEnd(document)) error = simdjson::TRAILING_CONTENT;
+    } else if (type == ondemand::json_type::null) {
+      bool isNull = false;
+      error = document.is_null().get(isNull);
+      if (!error && !isNull) error = simdjson::N_ATOM_ERROR;
+      if (!error) lua_pushlightuserdata(L_, JsonNullValue());
+    } else {
+      error = Scalar(document, type);
+    }
+    return error;
+  }
+
+ private:
+  simdjson::error_code Value(ondemand::value& value, ondemand::json_type type, int depth) {
+    switch (type) {
+      case ondemand::json_type::array: {
+        ondemand::array array;
+        const simdjson::error_code error = value.get_array().get(array);
+        return error ? error : Array(array, depth);
+      }
+      case ondemand::json_type::object: {
+        ondemand::object object;
+        const simdjson::error_code error = value.get_object().get(object);
+        return error ? error : Object(object, depth);
+      }
+      default: return Scalar(value, type);
+    }
+  }
+
+  template <class Source>
+  simdjson::error_code Scalar(Source& source, ondemand::json_type type) {
+    switch (type) {
+      case ondemand::json_type::number: return Number(source);
+      case ondemand::json_type::string: {
+        std::string_view text;
+        const simdjson::error_code error = source.get_string().get(text);
+        if (!error) lua_pushlstring(L_, text.data(), text.size());
+        return error;
+      }
+      case ondemand::json_type::boolean: {
+        bool value = false;
+        const simdjson::error_code error = source.get_bool().get(value);
+        if (!error) lua_pushboolean(L_, value ? 1 : 0);
+        return error;
+      }
+      default: return simdjson::TAPE_ERROR;
+    }
+  }
+
+  // Integers become Lua integers while they fit; larger ones, and numbers
+  // beyond the range of a double (1e400 reads as infinity), become floats
+  // as the Lua lexer would make them.
+  template <class Source>
+  simdjson::error_code Number(Source& source) {
+    ondemand::number number;
+    const simdjson::error_code error = source.get_number().get(number);
+    if (!error) {
+      switch (number.get_number_type()) {
+        case ondemand::number_type::signed_integer: lua_pushinteger(L_, number.get_int64()); break;
+        case ondemand::number_type::unsigned_integer:
+          lua_pushnumber(L_, static_cast<lua_Number>(number.get_uint64()));
+          break;
+        default: lua_pushnumber(L_, number.get_double()); break;
+      }
+      return simdjson::SUCCESS;
+    }
+    if (error != simdjson::NUMBER_ERROR && error != simdjson::NUMBER_OUT_OF_RANGE) return error;
+    const std::string_view token = TrimTrailingSpace(RawToken(source));
+    if (!utils::IsJsonNumber(token.data(), token.data() + token.size()) || !EndsText(source, token)) return error;
+    lua_pushnumber(L_, ParseDouble(std::string(token)));
+    return simdjson::SUCCESS;
+  }
+
+  // A null element leaves its index unused; so does a null member its name.
+  // Whether nothing but whitespace follows a number at the top, which simdjson
+  // checks only for the numbers it can read itself.
+  bool EndsText(ondemand::value&, std::string_view) const { return true; }
+  bool EndsText(ondemand::document&, std::string_view token) const {
+    return TrimTrailingSpace(std::string_view(token.data(), static_cast<size_t>(textEnd_ - token.data()))).size() ==
+           token.size();
+  }
+
+  // Whether the whole text was used by a container at the top ("[1][2]" ends
+  // with ']' as a single array would). Scalars at the top check that
+  // themselves.
+  static bool AtEnd(ondemand::document& document) {
+    const char* location = nullptr;
+    return document.current_location().get(location) == simdjson::OUT_OF_BOUNDS;
+  }
+
+  static simdjson::error_code SkipNull(ondemand::value& value) {
+    bool isNull = false;
+    const simdjson::error_code error = value.is_null().get(isNull);
+    if (error) return error;
+    return isNull ? simdjson::SUCCESS : simdjson::N_ATOM_ERROR;
+  }
+
+  // A container's elements (an object's names and values) are gathered on
+  // the stack and moved into a table made for their number once it is
+  // known: growing a table step by step rehashes it at every doubling. A
+  // very long container is moved in parts, to keep within the stack limit.
+  simdjson::error_code Array(ondemand::array& array, int depth) {
+    if (depth >= kMaxJsonDepth) return simdjson::DEPTH_ERROR;
+    const int base = lua_gettop(L_);
+    bool made = false;
+    lua_Integer count = 0;   // elements read, nulls included
+    lua_Integer stored = 0;  // elements moved into the table
+    for (auto element : array) {
+      ondemand::value value;
+      simdjson::error_code error = std::move(element).get(value);
+      ondemand::json_type type;
+      if (!error) error = value.type().get(type);
+      if (error) return error;
+      if (count - stored >= kMaxPending || !lua_checkstack(L_, kStackMargin)) {
+        MoveElements(base, &made, stored, count);
+        stored = count;
+      }
+      ++count;
+      if (type == ondemand::json_type::null) {
+        error = SkipNull(value);
+        if (error) return error;
+        lua_pushnil(L_);  // keeps the positions of the elements after it
+        continue;
+      }
+      error = Value(value, type, depth + 1);
+      if (error) return error;
+    }
+    MoveElements(base, &made, stored, count);
+    Annotate(base + 1, arrayMeta_);
+    return simdjson::SUCCESS;
+  }
+
+  simdjson::error_code Object(ondemand::object& object, int depth) {
+    if (depth >= kMaxJsonDepth) return simdjson::DEPTH_ERROR;
+    const int base = lua_gettop(L_);
+    bool made = false;
+    int pending = 0;  // members on the stack
+    for (auto member : object) {
+      ondemand::field field;
+      simdjson::error_code error = std::move(member).get(field);
+      std::string_view name;
+      if (!error) error = field.unescaped_key().get(name);
+      if (error) return error;
+      ondemand::value value = field.value();
+      ondemand::json_type type;
+      error = value.type().get(type);
+      if (error) return error;
+      if (type == ondemand::json_type::null) {
+        error = SkipNull(value);
+        if (error) return error;
+        continue;
+      }
+      if (pending >= kMaxPending || !lua_checkstack(L_, kStackMargin)) {
+        MoveMembers(base, &made, pending);
+        pending = 0;
+      }
+      PushName(name);
+      error = Value(value, type, depth + 1);
+      if (error) return error;
+      ++pending;
+    }
+    MoveMembers(base, &made, pending);
+    Annotate(base + 1, objectMeta_);
+    return simdjson::SUCCESS;
+  }
+
+  // Stores the elements above the table (or above `base` before there is
+  // one) at stored + 1 .. count, skipping the nils of null elements; the
+  // table is then alone at base + 1.
+  void MoveElements(int base, bool* made, lua_Integer stored, lua_Integer count) {
+    const int first = base + (*made ? 2 : 1);
+    const int top = lua_gettop(L_);
+    if (*made) {
+      lua_pushvalue(L_, base + 1);
+    } else {
+      lua_createtable(L_, static_cast<int>(count - stored), 0);
+    }
+    const int table = top + 1;
+    lua_Integer index = stored;
+    for (int slot = first; slot <= top; ++slot) {
+      ++index;
+      if (lua_type(L_, slot) == LUA_TNIL) continue;
+      lua_pushvalue(L_, slot);
+      lua_rawseti(L_, table, index);
+    }
+    if (table != base + 1) lua_replace(L_, base + 1);
+    lua_settop(L_, base + 1);
+    *made = true;
+  }
+
+  // As MoveElements for name/value pairs, in their order, so that the last
+  // of two equal names wins.
+  void MoveMembers(int base, bool* made, int pending) {
+    const int first = base + (*made ? 2 : 1);
+    const int top = lua_gettop(L_);
+    if (*made) {
+      lua_pushvalue(L_, base + 1);
+    } else {
+      lua_createtable(L_, 0, pending);
+    }
+    const int table = top + 1;
+    for (int slot = first; slot < top; slot += 2) {
+      lua_pushvalue(L_, slot);
+      lua_pushvalue(L_, slot + 1);
+      lua_rawset(L_, table);
+    }
+    if (table != base + 1) lua_replace(L_, base + 1);
+    lua_settop(L_, base + 1);
+    *made = true;
+  }
+
+  void Annotate(int table, int metadata) {
+    if (metas_ == 0) return;
+    lua_pushvalue(L_, table);
+    lua_pushvalue(L_, metadata);
+    lua_rawset(L_, metas_);
+  }
+
+  // Member names repeat from record to record. Interning a name again costs
+  // Lua a hash over its bytes and a walk through its string table; this cache
+  // hands out the string made last time for the same bytes. The strings live
+  // in a table of the registry, so the pointers here stay valid.
+  void PushName(std::string_view name) {
+    if (name.empty() || name.size() > kMaxCachedName) {
+      lua_pushlstring(L_, name.data(), name.size());
+      return;
+    }
+    const size_t slot = (name.size() * 31 + static_cast<unsigned char>(name[0]) * 7 +
+                         static_cast<unsigned char>(name.back())) % kNameCacheSize;
+    CachedName& cached = names_[slot];
+    if (cached.size == name.size() && std::memcmp(cached.data, name.data(), name.size()) == 0) {
+      lua_rawgeti(L_, nameCache_, static_cast<lua_Integer>(slot) + 1);
+      return;
+    }
+    cached.data = lua_pushlstring(L_, name.data(), name.size());
+    cached.size = name.size();
+    lua_pushvalue(L_, -1);
+    lua_rawseti(L_, nameCache_, static_cast<lua_Integer>(slot) + 1);
+  }
+
+  struct CachedName {
+    const char* data = nullptr;
+    size_t size = 0;
+  };
+  static constexpr size_t kNameCacheSize = 128;
+  static constexpr size_t kMaxCachedName = 40;
+
+  lua_State* L_;
+  const char* textEnd_;
+  int metas_ = 0;        // the table of metadata, 0 without the json library
+  int objectMeta_ = 0;   // the metadata shared by all objects
+  int arrayMeta_ = 0;    // and by all arrays
+  int nameCache_ = 0;    // strings of recent member names
+  CachedName names_[kNameCacheSize];
+};
+
+// Pushes the value of the JSON text and returns true, or returns false with
+// the reason and its byte offset in *error and the stack as it was.
+bool DecodeText(lua_State* L, const char* text, size_t size, std::string* error) {
+  if (size > simdjson::SIMDJSON_MAXSIZE_BYTES) {
+    *error = "text too large (" + std::to_string(size) + " bytes)";
+    return false;
+  }
+  const int base = lua_gettop(L);
+
+  simdjson::error_code failure = simdjson::SUCCESS;
+  {
+    ScratchLease scratch;
+    const size_t needed = size + simdjson::SIMDJSON_PADDING;
+    if (scratch->inputCapacity < needed) {
+      scratch->input.reset(new char[needed]);
+      scratch->inputCapacity = needed;
+    }
+    std::memcpy(scratch->input.get(), text, size);
+    std::memset(scratch->input.get() + size, 0, simdjson::SIMDJSON_PADDING);
+    ondemand::document document;
+    failure = scratch->parser.iterate(scratch->input.get(), size, scratch->inputCapacity).get(document);
+    if (!failure) {
+      failure = Decoder(L, scratch->input.get() + size).Document(document);
+    }
+  }
+
+  if (!failure) {
+    if (lua_gettop(L) > base + 1) {
+      lua_replace(L, base + 1);
+      lua_settop(L, base + 1);
+    }
+    return true;
+  }
+  lua_settop(L, base);
+  size_t offset = 0;
+  std::string reason;
+  if (!utils::CheckJsonText(text, text + size, kMaxJsonDepth, &offset, &reason)) {
+    *error = reason + " at byte offset " + std::to_string(offset);
+  } else {
+    *error = simdjson::error_message(failure);
+  }
+  return false;
+}
+
+// ---- encoding ----
+
+// Arrays with holes are written with nulls in them, but not when most of the
+// positions would be holes: {[1e9] = true} would take a gigabyte. Up to this
+// index any array is written as one.
+constexpr lua_Integer kDenseIndexLimit = 32;
+
+bool TooSparse(lua_Integer maxIndex, lua_Integer count) {
+  return maxIndex > kDenseIndexLimit && maxIndex / 2 > count;
+}
+
+// Thrown out of the recursion; the library function turns it into a script
+// error once the writer is gone.
+struct EncodeError {
+  std::string message;
+};
+
+class Encoder {
+ public:
+  Encoder(lua_State* L, bool pretty) : L_(L), writer_(pretty) {
+    luaL_checkstack(L_, 10, "json.encode");
+    metas_ = detatils::PushAllMetadatas(L_);
+  }
+
+  void Value(int index, int depth) {
+    switch (lua_type(L_, index)) {
+      case LUA_TNIL: writer_.Null(); return;
+      case LUA_TBOOLEAN: writer_.Bool(lua_toboolean(L_, index) != 0); return;
+      case LUA_TNUMBER:
+        if (lua_isinteger(L_, index)) {
+          writer_.Integer(lua_tointeger(L_, index));
+        } else if (!writer_.Double(lua_tonumber(L_, index))) {
+          throw EncodeError{"cannot encode NaN or infinity"};
+        }
+        return;
+      case LUA_TSTRING: String(index, "string"); return;
+      case LUA_TTABLE: Table(index, depth); return;
+      case LUA_TLIGHTUSERDATA:
+        if (lua_touserdata(L_, index) == JsonNullValue()) {
+          writer_.Null();
+          return;
+        }
+        break;
+      default: break;
+    }
+    throw EncodeError{std::string("cannot encode a ") + luaL_typename(L_, index)};
+  }
+
+  std::string Take() { return writer_.Take(); }
+
+ private:
+  void String(int index, const char* what) {
+    size_t size = 0;
+    const char* text = lua_tolstring(L_, index, &size);
+    size_t bad = 0;
+    if (!writer_.String(text, size, &bad)) {
+      throw EncodeError{std::string(what) + " is not valid UTF-8 (byte " + std::to_string(bad) + ")"};
+    }
+  }
+
+  void Table(int index, int depth) {
+    if (depth >= kMaxJsonDepth) {
+      throw EncodeError{"tables nested deeper than " + std::to_string(kMaxJsonDepth) + " levels"};
+    }
+    const void* identity = lua_topointer(L_, index);
+    for (const void* open : path_) {
+      if (open == identity) throw EncodeError{"a table contains itself"};
+    }
+    luaL_checkstack(L_, 10, "json.encode");
+    path_.push_back(identity);
+    const lua_Integer annotation = detatils::AnnotationOf(L_, metas_, index);
+    switch (annotation) {
+      case JsonAnnotatedObject: Object(index, depth); break;
+      case JsonAnnotatedArray: Array(index, depth, true); break;
+      case JsonNotAnnotated: Array(index, depth, false); break;
+      default: throw EncodeError{"bad annotated type " + std::to_string(annotation)};
+    }
+    path_.pop_back();
+  }
+
+  // A table annotated as an array must have index keys only; one that is not
+  // annotated is an array when it has (an empty one included) and is not too
+  // sparse, else an object.
+  void Array(int index, int depth, bool annotated) {
+    // Most arrays are sequences: write 1..#t, then make sure nothing follows.
+    const lua_Integer border = static_cast<lua_Integer>(lua_rawlen(L_, index));
+    if (border > 0) {
+      const utils::JsonWriter::Mark mark = writer_.GetMark();
+      const lua_Integer count = Elements(index, border, depth);
+      if (!TooSparse(border, count)) {
+        lua_pushinteger(L_, border);
+        if (lua_next(L_, index) == 0) return;
+        lua_pop(L_, 2);
+      }
+      writer_.Rewind(mark);
+    }
+
+    lua_Integer maxIndex = 0;
+    lua_Integer count = 0;
+    lua_pushnil(L_);
+    while (lua_next(L_, index) != 0) {  // [key, value]
+      lua_pop(L_, 1);
+      const lua_Integer key = lua_isinteger(L_, -1) ? lua_tointeger(L_, -1) : 0;
+      if (key < 1) {
+        if (annotated) throw EncodeError{"invalid array index '" + KeyText(-1) + "'"};
+        lua_pop(L_, 1);
+        Object(index, depth);
+        return;
+      }
+      ++count;
+      if (key > maxIndex) maxIndex = key;
+    }
+    if (TooSparse(maxIndex, count)) {
+      if (annotated) {
+        throw EncodeError{"array too sparse (index " + std::to_string(maxIndex) + " with " + std::to_string(count) +
+                          " elements)"};
+      }
+      Object(index, depth);
+      return;
+    }
+    Elements(index, maxIndex, depth);
+  }
+
+  // Writes t[1..n] as an array, holes as null; returns how many were not.
+  lua_Integer Elements(int index, lua_Integer n, int depth) {
+    writer_.Open('[');
+    lua_Integer count = 0;
+    for (lua_Integer i = 1; i <= n; ++i) {
+      writer_.Item(i == 1);
+      if (lua_rawgeti(L_, index, i) == LUA_TNIL) {
+        writer_.Null();
+      } else {
+        ++count;
+        Value(lua_gettop(L_), depth + 1);
+      }
+      lua_pop(L_, 1);
+    }
+    writer_.Close(']', n == 0);
+    return count;
+  }
+
+  void Object(int index, int depth) {
+    writer_.Open('{');
+    bool first = true;
+    lua_pushnil(L_);
+    while (lua_next(L_, index) != 0) {  // [key, value]
+      writer_.Item(first);
+      first = false;
+      Key(lua_gettop(L_) - 1);
+      writer_.Colon();
+      Value(lua_gettop(L_), depth + 1);
+      lua_pop(L_, 1);
+    }
+    writer_.Close('}', first);
+  }
+
+  // Numbers name members by their tostring() text, as in the host conversion.
+  void Key(int index) {
+    switch (lua_type(L_, index)) {
+      case LUA_TSTRING: String(index, "key"); return;
+      case LUA_TNUMBER: {
+        // A copy: lua_tolstring on the key itself would upset lua_next.
+        lua_pushvalue(L_, index);
+        String(lua_gettop(L_), "key");
+        lua_pop(L_, 1);
+        return;
+      }
+      default: break;
+    }
+    throw EncodeError{std::string("cannot use a ") + luaL_typename(L_, index) + " as an object key"};
+  }
+
+  std::string KeyText(int index) {
+    size_t size = 0;
+    const char* text = luaL_tolstring(L_, index, &size);
+    std::string result(text, size);
+    lua_pop(L_, 1);
+    return result;
+  }
+
+  lua_State* L_;
+  utils::JsonWriter writer_;
+  int metas_ = 0;
+  std::vector<const void*> path_;  // tables being written, outermost first
+};
+
+// The value at `index` as JSON text, or false with the reason in *error.
+bool EncodeValue(lua_State* L, int index, bool pretty, std::string* text, std::string* error) {
+  const int top = lua_gettop(L);
+  try {
+    Encoder encoder(L, pretty);
+    encoder.Value(index, 0);
+    *text = encoder.Take();
+  } catch (const EncodeError& e) {
+    *error = e.message;
+  }
+  lua_settop(L, top);
+  return error->empty();
+}
+
+// Reads {pretty = bool} at `index` (absent or nil: defaults).
+bool ReadPretty(boost::shared_ptr<RunTime>& rt, int index) {
+  lua_State* L = rt->State();
+  const int type = lua_type(L, index);
+  if (type == LUA_TNONE || type == LUA_TNIL) return false;
+  if (type != LUA_TTABLE) rt->Error("Bad argument: options must be a table");
+  bool pretty = false;
+  lua_pushnil(L);
+  while (lua_next(L, index) != 0) {  // [key, value]
+    if (lua_type(L, -2) != LUA_TSTRING || std::strcmp(lua_tostring(L, -2), "pretty") != 0) {
+      rt->Error(std::string("Bad argument: unknown option '") + luaL_tolstring(L, -2, nullptr) + "'");
+    }
+    if (lua_type(L, -1) != LUA_TBOOLEAN) rt->Error("Bad argument: pretty must be a boolean");
+    pretty = lua_toboolean(L, -1) != 0;
+    lua_pop(L, 1);
+  }
+  return pretty;
+}
+
+std::string StringArg(boost::shared_ptr<RunTime>& rt, int index, const char* name) {
+  lua_State* L = rt->State();
+  if (lua_type(L, index) != LUA_TSTRING) rt->Error(std::string("Bad argument: ") + name + " must be a string");
+  size_t size = 0;
+  const char* text = lua_tolstring(L, index, &size);
+  return std::string(text, size);
+}
+
+int PushFailure(lua_State* L, const std::string& message) {
+  lua_pushnil(L);
+  lua_pushlstring(L, message.data(), message.size());
+  return 2;
+}
+
+// ---- library functions ----
+
+int Decode(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  if (args.size() != 1) rt->Error("Bad arguments, expected: (text)");
+  lua_State* L = rt->State();
+  if (lua_type(L, 1) != LUA_TSTRING) rt->Error("Bad argument: text must be a string");
+  size_t size = 0;
+  const char* text = lua_tolstring(L, 1, &size);
+  std::string error;
+  if (DecodeText(L, text, size, &error)) return 1;
+  return PushFailure(L, error);
+}
+
+int Encode(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  if (args.empty() || args.size() > 2) rt->Error("Bad arguments, expected: (value[, {pretty = bool}])");
+  const bool pretty = ReadPretty(rt, 2);
+  std::string text;
+  std::string error;
+  if (!EncodeValue(rt->State(), 1, pretty, &text, &error)) rt->Error("json.encode: " + error);
+  lua_pushlstring(rt->State(), text.data(), text.size());
+  return 1;
+}
+
+// json.array([t]) and json.object([t]): annotate t (or a new table), return it.
+int Annotate(boost::shared_ptr<RunTime>& rt, const Args& args, JsonAnnotatedType type, const char* usage) {
+  lua_State* L = rt->State();
+  if (args.size() > 1) rt->Error(std::string("Bad arguments, expected: ") + usage);
+  const int argType = lua_type(L, 1);
+  if (argType == LUA_TNONE || argType == LUA_TNIL) {
+    lua_settop(L, 0);
+    lua_newtable(L);
+  } else if (argType != LUA_TTABLE) {
+    rt->Error("Bad argument: expected a table");
+  }
+  luaL_checkstack(L, 10, "json");
+  const int metas = detatils::PushAllMetadatas(L);
+  if (metas != 0) {
+    detatils::Annotate(L, metas, 1, type);
+    lua_pop(L, 1);
+  }
+  lua_settop(L, 1);
+  return 1;
+}
+
+int MakeArray(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  return Annotate(rt, args, JsonAnnotatedArray, "([table])");
+}
+
+int MakeObject(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  return Annotate(rt, args, JsonAnnotatedObject, "([table])");
+}
+
+int Load(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  if (args.size() != 1) rt->Error("Bad arguments, expected: (path)");
+  const std::string path = StringArg(rt, 1, "path");
+  lua_State* L = rt->State();
+  std::string text;
+  std::string error;
+  if (!utils::ReadFile(path, &text, &error)) return PushFailure(L, error);
+  if (DecodeText(L, text.data(), text.size(), &error)) return 1;
+  return PushFailure(L, path + ": " + error);
+}
+
+int Save(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  if (args.size() < 2 || args.size() > 3) rt->Error("Bad arguments, expected: (path, value[, {pretty = bool}])");
+  const std::string path = StringArg(rt, 1, "path");
+  const bool pretty = ReadPretty(rt, 3);
+  lua_State* L = rt->State();
+  std::string text;
+  std::string error;
+  if (!EncodeValue(L, 2, pretty, &text, &error)) rt->Error("json.save: " + error);
+  if (pretty) text += '\n';
+  if (!utils::WriteFileAtomically(path, text, &error)) return PushFailure(L, error);
+  lua_pushboolean(L, 1);
+  return 1;
+}
+
+int OpenStorage(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  if (args.size() != 1) rt->Error("Bad arguments, expected: (path)");
+  const std::string path = StringArg(rt, 1, "path");
+  lua_State* L = rt->State();
+  Storage storage = std::make_shared<utils::JsonPersistentStorage>(path);
+  std::string error;
+  if (!storage->IsLoaded(&error)) return PushFailure(L, error);
+  luaL_checkstack(L, 10, "json.storage");
+  void* block = lua_newuserdata(L, sizeof(Storage));
+  // Constructed before the metatable brings the finalizer along.
+  new (block) Storage(std::move(storage));
+  luaL_setmetatable(L, kStorageMetatable);
+  return 1;
+}
+
+utils::JsonPersistentStorage& StorageArg(boost::shared_ptr<RunTime>& rt, const Args& args, size_t count,
+                                         const char* usage) {
+  if (args.size() != count) rt->Error(std::string("Bad arguments, expected: ") + usage);
+  void* block = luaL_testudata(rt->State(), 1, kStorageMetatable);
+  if (block == nullptr) rt->Error("Bad argument: expected a json storage handle (call the method with ':')");
+  return **static_cast<Storage*>(block);
+}
+
+int StorageGet(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  utils::JsonPersistentStorage& storage = StorageArg(rt, args, 2, "(key)");
+  const std::string key = StringArg(rt, 2, "key");
+  Json::Value value;
+  if (!storage.Get(key, &value)) return rt->NilResult();
+  rt->CreateAtStack(value);
+  return 1;
+}
+
+int StorageSet(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  utils::JsonPersistentStorage& storage = StorageArg(rt, args, 3, "(key, value)");
+  const std::string key = StringArg(rt, 2, "key");
+  lua_State* L = rt->State();
+  if (lua_isnil(L, 3)) {
+    storage.Remove(key);
+    return rt->VoidResult();
+  }
+  // Through the text, so that a stored value follows json.encode's rules.
+  std::string text;
+  std::string error;
+  if (!EncodeValue(L, 3, false, &text, &error)) rt->Error("json.storage: " + error);
+  Json::Value value;
+  std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+  if (!reader->parse(text.data(), text.data() + text.size(), &value, &error)) rt->Error("json.storage: " + error);
+  storage.Set(key, value);
+  return rt->VoidResult();
+}
+
+int StorageRemove(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  utils::JsonPersistentStorage& storage = StorageArg(rt, args, 2, "(key)");
+  const bool removed = storage.Remove(StringArg(rt, 2, "key"));
+  lua_pushboolean(rt->State(), removed ? 1 : 0);
+  return 1;
+}
+
+int StorageKeys(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  utils::JsonPersistentStorage& storage = StorageArg(rt, args, 1, "()");
+  const std::vector<std::string> keys = storage.Keys();
+  lua_State* L = rt->State();
+  luaL_checkstack(L, 10, "json.storage");
+  lua_createtable(L, static_cast<int>(keys.size()), 0);
+  const int table = lua_gettop(L);
+  lua_Integer i = 0;
+  for (const std::string& key : keys) {
+    lua_pushlstring(L, key.data(), key.size());
+    lua_rawseti(L, table, ++i);
+  }
+  const int metas = detatils::PushAllMetadatas(L);
+  if (metas != 0) {
+    detatils::Annotate(L, metas, table, JsonAnnotatedArray);
+    lua_pop(L, 1);
+  }
+  return 1;
+}
+
+int StorageSave(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  utils::JsonPersistentStorage& storage = StorageArg(rt, args, 1, "()");
+  std::string error;
+  if (!storage.Save(&error)) return PushFailure(rt->State(), error);
+  lua_pushboolean(rt->State(), 1);
+  return 1;
+}
+
+int StorageReload(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  utils::JsonPersistentStorage& storage = StorageArg(rt, args, 1, "()");
+  std::string error;
+  if (!storage.Reload(&error)) return PushFailure(rt->State(), error);
+  lua_pushboolean(rt->State(), 1);
+  return 1;
+}
+
+int StorageToString(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  utils::JsonPersistentStorage& storage = StorageArg(rt, args, 1, "()");
+  const std::string text = "json.storage (" + storage.Path() + ")";
+  lua_pushlstring(rt->State(), text.data(), text.size());
+  return 1;
+}
+
+// The storage handles' metatable, once per runtime. "__metatable" keeps
+// scripts away from "__gc": a second call would destroy the store twice.
+void CreateStorageMetatable(lua_State* L) {
+  static const luaL_Reg kMethods[] = {
+      {"get", WrapFunc<&StorageGet>},       {"set", WrapFunc<&StorageSet>},   {"remove", WrapFunc<&StorageRemove>},
+      {"keys", WrapFunc<&StorageKeys>},     {"save", WrapFunc<&StorageSave>}, {"reload", WrapFunc<&StorageReload>},
+      {nullptr, nullptr}};
+  luaL_newmetatable(L, kStorageMetatable);
+  luaL_newlib(L, kMethods);
+  lua_setfield(L, -2, "__index");
+  const lua_CFunction finalizer = WrapFunc<&detatils::UserDataDefaultFinalizer<Storage, true>::Exec>;
+  lua_pushcfunction(L, finalizer);
+  lua_setfield(L, -2, "__gc");
+  lua_pushcfunction(L, WrapFunc<&StorageToString>);
+  lua_setfield(L, -2, "__tostring");
+  lua_pushliteral(L, "json.storage");
+  lua_setfield(L, -2, "__metatable");
+  lua_pop(L, 1);
+}
+
+void InitJsonLib(boost::shared_ptr<RunTime>& rt, boost::shared_ptr<TableRef>& table) {
+  RunTime::StackCleaner cleaner(rt);
+  table->Set(GetAllMetadatasTableName(), rt->CreateWeakTableAtStack(RunTime::WeakKeys));
+  table->Set("null", JsonNullValue());
+  rt->EnsureFreeStackSlots(10);
+  CreateStorageMetatable(rt->State());
+}
+
+}  // namespace
+
+void RegisterJsonLib() {
+  // Registering twice would list every function twice.
+  static std::once_flag once;
+  std::call_once(once, [] {
+    GlobalLib("json", InitJsonLib)
+        .AddFunc("decode", WrapFunc<&Decode>)
+        .AddFunc("encode", WrapFunc<&Encode>)
+        .AddFunc("array", WrapFunc<&MakeArray>)
+        .AddFunc("object", WrapFunc<&MakeObject>)
+        .AddFunc("load", WrapFunc<&Load>)
+        .AddFunc("save", WrapFunc<&Save>)
+        .AddFunc("storage", WrapFunc<&OpenStorage>)
+        .AddDataPlaceholder("null")
+        .AddDataPlaceholder(GetAllMetadatasTableName());
+  });
+}
+
+}  // namespace lua

@@ -1,0 +1,35 @@
+// The script library "xml": an event parser, a node-tree builder and a writer.
+// It is all script code (xml.lua beside this file, embedded at build time) and
+// has no native functions: its init function runs the text in each runtime,
+// and the table the text returns becomes the library.
+#include <string>
+
+#include <boost/shared_ptr.hpp>
+
+#include "lua/global_lib.h"
+#include "lua/libs/libs.h"
+#include "lua/libs/xml_text.h"
+#include "lua/runtime.h"
+
+namespace lua {
+
+namespace {
+
+// Built once when the shared library loads, so opening the library in a new
+// runtime does not copy the text again.
+const std::string kXmlSource(detail::kXmlLibText, sizeof(detail::kXmlLibText) - 1);
+
+// Leaves the text's results on the stack on purpose: a library without
+// functions takes them as its value.
+void RunXmlText(boost::shared_ptr<RunTime>& rt, boost::shared_ptr<TableRef>&) {
+  rt->RunString(kXmlSource, false);
+}
+
+}  // namespace
+
+void RegisterXmlLib() {
+  // A second call finds the entry and changes nothing, as no functions are added.
+  GlobalLib("xml", RunXmlText);
+}
+
+}  // namespace lua

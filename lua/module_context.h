@@ -1,0 +1,92 @@
+// lua::LuaModuleContext: one script file kept loaded in a runtime of its own
+// and shared by many host threads. Every use goes through a Lock, which
+// serialises access, (re)loads the script into a fresh runtime when there is
+// none, when the last one broke, or (if asked to) when the file changed, and
+// empties the runtime's stack on release.
+//
+// Thread-safe: any thread may create Locks; the runtime a Lock hands out may
+// only be used while that Lock lives.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+
+#include "lua/object_ref.h"
+#include "lua/runtime.h"
+#include "utils/files.h"
+#include "utils/noncopyable.h"
+#include "utils/thread_mutex.h"
+
+namespace lua {
+
+class LuaModuleContext : public std::enable_shared_from_this<LuaModuleContext>, private utils::Noncopyable {
+ public:
+  // Called before each load with an empty table that becomes the script's
+  // init_data; the callback may fill it or replace it with another table.
+  using PreLoadCallback = std::function<void(boost::shared_ptr<RunTime>&, boost::shared_ptr<TableRef>&)>;
+  // Called after each load with the script's results, still on the stack.
+  using PostLoadCallback =
+      std::function<void(boost::shared_ptr<RunTime>&, const std::vector<boost::shared_ptr<ObjectRef>>&)>;
+
+  class Lock;
+
+  // A context without a script: its runtime has the registered libraries only.
+  static std::shared_ptr<LuaModuleContext> Create();
+  static std::shared_ptr<LuaModuleContext> Create(const std::string& path, bool reloadOnChange);
+
+  // Nothing is loaded until the first Lock (or Load).
+  LuaModuleContext();
+  LuaModuleContext(const std::string& path, bool reloadOnChange);
+
+  // Used by every later load.
+  void SetPreLoadCallback(const PreLoadCallback& callback);
+  void SetPostLoadCallback(const PostLoadCallback& callback);
+
+  // Loads into a new runtime now. Callers hold the context's mutex (a Lock
+  // does). Throws std::runtime_error "LuaModuleContext: runtime init error: "
+  // + the cause, and leaves the context unloaded.
+  void Init();
+  // Takes a Lock and releases it: true when the script is loaded, else false
+  // with the reason in *error (when not null).
+  bool Load(std::string* error);
+  bool IsLoaded() const;
+  // Whether the file's status differs from the one seen last (and remembers
+  // the new one). False when the file cannot be examined.
+  bool IsScriptFileChanged();
+  // Init() when the file changed and reloading on change was asked for, or
+  // when there is no usable runtime. Callers hold the mutex.
+  void ReloadIfNeeded();
+  // Kept as part of the interface; they do nothing.
+  void SetGcParams() {}
+  void CollectGarbage() {}
+
+ private:
+  boost::shared_ptr<RunTime> runtime_;
+  utils::FileStatus fileStatus_;
+  std::string path_;
+  bool hasScript_;
+  PreLoadCallback preLoad_;
+  PostLoadCallback postLoad_;
+  bool reloadOnChange_;
+  mutable utils::ThreadMutex mutex_;
+};
+
+// Holds the context's mutex (and the context) from construction to
+// destruction. Construction loads the script when needed and throws as
+// Init() does; destruction empties the runtime's stack.
+class LuaModuleContext::Lock : private utils::Noncopyable {
+ public:
+  explicit Lock(const std::shared_ptr<LuaModuleContext>& context);
+  ~Lock();
+
+  boost::shared_ptr<RunTime> GetRuntime() const { return context_->runtime_; }
+
+ private:
+  std::shared_ptr<LuaModuleContext> context_;
+};
+
+}  // namespace lua

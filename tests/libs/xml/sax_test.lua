@@ -1,0 +1,174 @@
+-- Event parser: the events a document author sees, in order, and every error.
+local xml, check = ...
+
+-- Each callback's arguments at a fixed arity, so that a missing namespace or
+-- prefix shows as "nil" wherever the parser leaves it out.
+local ARITY = { start = 3, attr = 4, close = 3, text = 1, comment = 1, pi = 2 }
+
+local function recorder()
+  local events = {}
+  local function on(kind)
+    return function(...)
+      local parts = { kind }
+      for i = 1, ARITY[kind] do
+        parts[#parts + 1] = tostring((select(i, ...)))
+      end
+      events[#events + 1] = table.concat(parts, "|")
+    end
+  end
+  return events, {
+    startElement = on("start"), attribute = on("attr"), closeElement = on("close"),
+    text = on("text"), comment = on("comment"), pi = on("pi"),
+  }
+end
+
+local function eventsOf(content, options)
+  local events, callbacks = recorder()
+  xml.sax.parseStr(content, callbacks, options)
+  return events
+end
+
+check.test("Sax.ReportsEveryConstructInDocumentOrder", function()
+  check.equal(eventsOf('<?xml version="1.0"?>\n<!-- head -->\n'
+                       .. '<root  a = "1"\n\tb=\'2\' >text<empty /><![CDATA[<raw>&amp;]]>'
+                       .. '<?target  data here?></root  >'), {
+    'pi|xml|version="1.0"',
+    "text|\n",
+    "comment| head ",
+    "text|\n",
+    "start|root|nil|nil",
+    "attr|a|1|nil|nil",
+    "attr|b|2|nil|nil",
+    "text|text",
+    "start|empty|nil|nil",
+    "close|empty|nil|nil",
+    "text|<raw>&amp;",
+    "pi|target| data here",
+    "close|root|nil|nil",
+  })
+end)
+
+check.test("Sax.TextIsReportedOnceBetweenConstructs", function()
+  check.equal(eventsOf("<a>one &amp; two<!--c-->three</a>tail"), {
+    "start|a|nil|nil", "text|one & two", "comment|c", "text|three", "close|a|nil|nil",
+  })
+  -- A "<" that starts nothing known stays in the text, and so does a DOCTYPE.
+  check.equal(eventsOf("<a>1 < 2 <3 <!x></a>"), {
+    "start|a|nil|nil", "text|1 < 2 <3 <!x>", "close|a|nil|nil",
+  })
+  check.equal(eventsOf('<!DOCTYPE a [<!ENTITY e "x">]><a/>'), {
+    'text|<!DOCTYPE a [<!ENTITY e "x">]>', "start|a|nil|nil", "close|a|nil|nil",
+  })
+end)
+
+check.test("Sax.StripWhitespaceTrimsTextButNotCdata", function()
+  local content = "<a>\n  <b>  x y  </b>\n \t<![CDATA[ c ]]> </a>"
+  check.equal(eventsOf(content, { stripWhitespace = true }), {
+    "start|a|nil|nil", "start|b|nil|nil", "text|x y", "close|b|nil|nil",
+    "text| c ", "close|a|nil|nil",
+  })
+  check.equal(eventsOf(content, { stripWhitespace = false }), {
+    "start|a|nil|nil", "text|\n  ", "start|b|nil|nil", "text|  x y  ", "close|b|nil|nil",
+    "text|\n \t", "text| c ", "text| ", "close|a|nil|nil",
+  })
+end)
+
+check.test("Sax.NamespacesResolveFromInnermostScope", function()
+  local content = [[
+<r xmlns="urn:default" xmlns:p="urn:p">
+  <p:child p:attr="1" plain="2"/>
+  <inner xmlns="urn:inner"><leaf/></inner>
+  <late a:x="v" xmlns:a="urn:late"/>
+  <q:x xmlns:q="urn:q"></q:x>
+  <none xmlns=""><deep/></none>
+  <t xml:lang="en"></t>
+</r>]]
+  check.equal(eventsOf(content, { stripWhitespace = true }), {
+    "start|r|urn:default|nil", "attr|xmlns|urn:default|nil|nil", "attr|xmlns:p|urn:p|nil|nil",
+    "start|child|urn:p|p", "attr|attr|1|urn:p|p", "attr|plain|2|nil|nil", "close|child|urn:p|p",
+    "start|inner|urn:inner|nil", "attr|xmlns|urn:inner|nil|nil",
+    "start|leaf|urn:inner|nil", "close|leaf|urn:inner|nil", "close|inner|urn:inner|nil",
+    -- A declaration later in the tag applies to the whole tag.
+    "start|late|urn:default|nil", "attr|x|v|urn:late|a", "attr|xmlns:a|urn:late|nil|nil",
+    "close|late|urn:default|nil",
+    "start|x|urn:q|q", "attr|xmlns:q|urn:q|nil|nil", "close|x|urn:q|nil",
+    "start|none|nil|nil", "attr|xmlns||nil|nil", "start|deep|nil|nil", "close|deep|nil|nil",
+    "close|none|nil|nil",
+    "start|t|urn:default|nil", "attr|lang|en|http://www.w3.org/XML/1998/namespace|xml",
+    "close|t|urn:default|nil",
+    "close|r|urn:default|nil",
+  })
+end)
+
+check.test("Sax.ReplacesReferencesInTextAndAttributeValues", function()
+  local cases = {
+    { "&lt;&gt;&amp;&quot;&apos;", "<>&\"'" },
+    { "&#65;&#x41;&#X41;&#0065;", "AAAA" },
+    { "caf&#233; &#x263A; &#x1F600;", "café ☺ 😀" },
+    { "&#x1FFFFF;|&#x200000;", "\xF7\xBF\xBF\xBF|&#x200000;" },
+    { "&foo; &amp &; &#; & x", "&foo; &amp &; &#; & x" },
+    { "&amp;lt;", "&lt;" },
+  }
+  for _, case in ipairs(cases) do
+    local input, expected = case[1], case[2]
+    check.equal(eventsOf("<a>" .. input .. "</a>"),
+                { "start|a|nil|nil", "text|" .. expected, "close|a|nil|nil" }, input)
+    check.equal(eventsOf('<a v="' .. input .. '"/>')[2], "attr|v|" .. expected .. "|nil|nil", input)
+  end
+end)
+
+check.test("Sax.DefaultCallbacksPrintATrace", function()
+  local lines = {}
+  local savedPrint = print
+  print = function(line) lines[#lines + 1] = line end
+  local ok, message = pcall(xml.sax.parseStr, '<?pi data?><!--c--><p:a xmlns:p="u" x="1">t</p:a>')
+  print = savedPrint
+  assert(ok, message)
+  check.equal(lines, {
+    "<?pi data?>", "<!-- c -->", "<p:a>", '  xmlns:p="u"', '  x="1"', '  text: "t"', "</a>",
+  })
+end)
+
+check.test("Sax.MissingCallbacksSkipTheirEvents", function()
+  local texts = {}
+  xml.sax.parseStr("<a>x<!--c--><b/>y</a>", { text = function(text) texts[#texts + 1] = text end })
+  check.equal(texts, { "x", "y" })
+  xml.sax.parseStr("<a>x<?p?><b/>y</a>", {})
+end)
+
+check.test("Sax.RaisesOnMalformedDocuments", function()
+  local cases = {
+    { "<a b></a>", "Was in an element and couldn't find attributes or the close." },
+    { '<a x="1<"/>', "Was in an element and couldn't find attributes or the close." },
+    { "<a x=1/>", "Was in an element and couldn't find attributes or the close." },
+    { '<a x="1" / >', "Was in an element and couldn't find attributes or the close." },
+    { "<p:a/>", "Cannot find namespace for prefix p" },
+    { '<a p:x="1"/>', "Cannot find namespace for prefix p" },
+    { '<r><a xmlns:z="u"/><z:b/></r>', "Cannot find namespace for prefix z" },
+    { "<a></z:a>", "Cannot find namespace for prefix z" },
+    { "", "Parsing did not discover any elements" },
+    { "text <!-- c --> <?pi x?> <![CDATA[x]]>", "Parsing did not discover any elements" },
+    { "<a><b></b>", "Parsing ended with unclosed elements" },
+    { "<a>", "Parsing ended with unclosed elements" },
+    { '<a x="1"', "Parsing ended with unclosed elements" },
+    { "<a>&#zz;</a>", "attempt to compare nil with number" },
+    { '<a v="&#1x;"/>', "attempt to compare nil with number" },
+  }
+  for _, case in ipairs(cases) do
+    check.raises(case[2], xml.sax.parseStr, case[1], select(2, recorder()))
+  end
+  -- The library's own errors point into the library text.
+  local message = check.raises("Parsing did not discover any elements", xml.sax.parseStr, "", {})
+  check.truthy(message:find(":%d+: Parsing did not discover any elements$"),
+               "a source position in " .. message)
+end)
+
+check.test("Sax.InputEndingInsideATagReportsNoStart", function()
+  -- Whichever way a tag is read, a tag end that is the input's last
+  -- character is never reached.
+  for _, content in ipairs({ "<r><a>", "<r><a x='1'>", "<r><p:a>" }) do
+    local events, callbacks = recorder()
+    check.raises("Parsing ended with unclosed elements", xml.sax.parseStr, content, callbacks)
+    check.equal(events, { "start|r|nil|nil" }, content)
+  end
+end)

@@ -1,0 +1,94 @@
+-- Writer: exact text for the shapes a document author relies on, options,
+-- errors, and parse -> write -> parse keeping the tree.
+local xml, check = ...
+
+local DECLARATION = '<?xml version="1.0" standalone="yes"?>\n'
+
+local function rewrite(content, options)
+  return xml.write(xml.dom.parseStr(content), options)
+end
+
+-- A node as plain data, keeping whether a child entry was a node or an array.
+local function plain(node)
+  local children = {}
+  for name, entry in pairs(node.childElems) do
+    if #entry > 0 then
+      local array = {}
+      for i, child in ipairs(entry) do
+        array[i] = plain(child)
+      end
+      children[name] = { array = array }
+    else
+      children[name] = plain(entry)
+    end
+  end
+  return { name = node["#name"], type = node["#type"], text = node["#text"], attr = node["#attr"],
+           children = children }
+end
+
+check.test("Write.EscapesByDefaultAndOnlyWhenAsked", function()
+  local content = '<a x="&quot;&apos;&lt;&gt;&amp;">1 &lt; 2 &amp; 3 &gt; 0 "q"</a>'
+  check.equal(rewrite(content),
+              DECLARATION .. '<a x="&quot;&apos;&lt;&gt;&amp;">1 &lt; 2 &amp; 3 &gt; 0 "q"</a>')
+  check.equal(rewrite(content, { escape = false }),
+              DECLARATION .. '<a x=""\'<>&">1 < 2 & 3 > 0 "q"</a>')
+  check.equal(rewrite("<a/>"), DECLARATION .. "<a/>")
+  -- Siblings of different names come out in any order, so one name here.
+  check.equal(rewrite("<a><c></c><c>t</c><c/></a>", { pretty = false }),
+              DECLARATION .. "<a><c/><c>t</c><c/></a>")
+end)
+
+check.test("Write.PrettyPrintingIndentsEachLevel", function()
+  check.equal(rewrite("<a><b/></a>", { pretty = true }), DECLARATION .. "<a>\n    <b/>\n</a>")
+  check.equal(rewrite("<a>t<b><c>x</c><c/></b></a>", { pretty = true }),
+              DECLARATION .. "<a>t\n    <b>\n        <c>x</c>\n        <c/>\n    </b>\n</a>")
+end)
+
+check.test("Write.WrapsAnElementNodeInADocument", function()
+  local doc = xml.dom.parseStr("<a><b>x</b></a>")
+  check.equal(xml.write(doc.a), xml.write(doc))
+  xml.dom.addElement(doc.a.b, "n", "v & w")
+  check.equal(xml.write(doc.a.b.n), DECLARATION .. "<n>v &amp; w</n>")
+  check.equal(xml.write({ childElems = { r = doc.a.b.n } }), DECLARATION .. "<n>v &amp; w</n>")
+end)
+
+check.test("Write.CompletesTheCallersOptionsAndKeepsItsOwnDefaults", function()
+  local doc = xml.dom.parseStr("<a>&lt;</a>")
+  local options = { pretty = true }
+  xml.write(doc, options)
+  check.equal(options, { pretty = true, escape = true })
+  options = { escape = false }
+  check.equal(xml.write(doc, options), DECLARATION .. "<a><</a>")
+  check.equal(options, { escape = false })
+  check.equal(xml.write(doc), DECLARATION .. "<a>&lt;</a>")
+end)
+
+check.test("Write.RaisesOnTreesThatAreNoDocument", function()
+  local root = xml.dom.parseStr("<a/>").a
+  check.raises("Invalid XML table format", xml.write, { childElems = { root } })
+  local doc = xml.dom.parseStr("<a/>")
+  xml.dom.addElement(doc, "b")
+  check.raises("Multiple root elements encountered", xml.write, doc)
+end)
+
+check.test("Write.ParseWriteParseKeepsTheTree", function()
+  local content = [=[
+<?xml version="1.0"?>
+<catalog xmlns:x="urn:x" version="2">
+  <!-- dropped -->
+  <book id="1" title="Tom &amp; Jerry &quot;&apos;&lt;">
+    <x:author>A &lt;b&gt; &amp; C&#xE9;</x:author>
+    <tag>one</tag><tag>two</tag><tag>three</tag>
+    <empty/>
+    <note><![CDATA[raw <markup> & stuff]]></note>
+  </book>
+  <book id="2"/>
+</catalog>]=]
+  local strip = { stripWhitespace = true }
+  local stripped = xml.dom.parseStr(content, strip)
+  for _, options in ipairs({ { pretty = true }, { pretty = false } }) do
+    check.equal(plain(xml.dom.parseStr(xml.write(stripped, options), strip)), plain(stripped))
+  end
+  local kept = xml.dom.parseStr(content)
+  check.equal(plain(xml.dom.parseStr(xml.write(kept))), plain(kept))
+end)
