@@ -27,8 +27,8 @@ void Sleep(uint32_t ms) {
 
 namespace {
 
-// Whether the format uses conversion `spec`, skipping literal "%%".
-bool HasConversion(const std::string& format, char spec) {
+// Whether the format uses the given conversion character, skipping literal "%%".
+bool HasConversion(const std::string& format, char conversion) {
   for (size_t i = 0; i + 1 < format.size(); ++i) {
     if (format[i] != '%') continue;
     ++i;
@@ -37,7 +37,7 @@ bool HasConversion(const std::string& format, char spec) {
                                  (format[i] >= '0' && format[i] <= '9'))) {
       ++i;
     }
-    if (i < format.size() && format[i] == spec) return true;
+    if (i < format.size() && format[i] == conversion) return true;
   }
   return false;
 }
