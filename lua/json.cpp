@@ -1,5 +1,6 @@
 #include "lua/json.h"
 
+#include <algorithm>
 #include <exception>
 #include <limits>
 #include <string>
@@ -13,8 +14,15 @@ namespace lua {
 
 namespace {
 
-// Registry keys of the shared metadata tables, one per annotation.
+// Registry keys of the shared metadata tables, one per annotation, and of
+// the lists of deferred annotations, one per kind.
 const char kSharedMetadataKeys[3] = {};
+const char kDeferredKeys[2] = {};
+// Where a list of deferred annotations keeps its count and the count at
+// which it is compacted next.
+constexpr lua_Integer kCountSlot = 0;
+constexpr lua_Integer kCompactSlot = -1;
+constexpr lua_Integer kMinCompactCount = 4096;
 // json.null's address.
 const char kJsonNull = 0;
 
@@ -262,7 +270,10 @@ class JsonToLua {
 
 namespace detatils {
 
-int PushAllMetadatas(lua_State* L) {
+namespace {
+
+// Pushes the table of metadata without recording the deferred annotations.
+int PushMetadatasAsTheyAre(lua_State* L) {
   lua_getfield(L, LUA_REGISTRYINDEX, LUA_LOADED_TABLE);  // [loaded]
   if (lua_type(L, -1) == LUA_TTABLE) {
     lua_pushliteral(L, "json");
@@ -279,6 +290,140 @@ int PushAllMetadatas(lua_State* L) {
   }
   lua_pop(L, 1);
   return 0;
+}
+
+// Pushes a new list of deferred annotations of one kind with room for `size`
+// entries, and makes it the runtime's list of that kind. Its values are weak,
+// so that listing a table does not keep it alive.
+void NewDeferredList(lua_State* L, int type, int size) {
+  lua_createtable(L, size, 2);
+  lua_createtable(L, 0, 1);
+  lua_pushliteral(L, "v");
+  lua_setfield(L, -2, "__mode");
+  lua_setmetatable(L, -2);
+  lua_pushinteger(L, 0);
+  lua_rawseti(L, -2, kCountSlot);
+  lua_pushinteger(L, kMinCompactCount);
+  lua_rawseti(L, -2, kCompactSlot);
+  lua_pushvalue(L, -1);
+  lua_rawsetp(L, LUA_REGISTRYINDEX, &kDeferredKeys[type]);
+}
+
+// Pushes the runtime's list of deferred annotations of one kind.
+void PushDeferredList(lua_State* L, int type) {
+  if (lua_rawgetp(L, LUA_REGISTRYINDEX, &kDeferredKeys[type]) == LUA_TTABLE) return;
+  lua_pop(L, 1);
+  NewDeferredList(L, type, 0);
+}
+
+lua_Integer ReadSlot(lua_State* L, int list, lua_Integer slot) {
+  lua_rawgeti(L, list, slot);
+  const lua_Integer value = lua_tointeger(L, -1);
+  lua_pop(L, 1);
+  return value;
+}
+
+void WriteSlot(lua_State* L, int list, lua_Integer slot, lua_Integer value) {
+  lua_pushinteger(L, value);
+  lua_rawseti(L, list, slot);
+}
+
+}  // namespace
+
+int PushAllMetadatas(lua_State* L) {
+  const int metas = PushMetadatasAsTheyAre(L);
+  if (metas != 0) FlushDeferredAnnotations(L, metas);
+  return metas;
+}
+
+DeferredAnnotations::DeferredAnnotations(lua_State* L) : L_(L) {
+  luaL_checkstack(L_, 10, "json annotations");
+  const int metas = PushMetadatasAsTheyAre(L_);
+  if (metas == 0) return;
+  lua_pop(L_, 1);
+  for (int type = 0; type < 2; ++type) {
+    PushDeferredList(L_, type);
+    lists_[type] = lua_gettop(L_);
+  }
+}
+
+// The slot is taken before the store, which may run the collector and with
+// it a finalizer that decodes too.
+void DeferredAnnotations::Add(int index, int type) {
+  const int list = lists_[type];
+  if (list == 0) return;
+  const lua_Integer slot = ReadSlot(L_, list, kCountSlot) + 1;
+  WriteSlot(L_, list, kCountSlot, slot);
+  lua_pushvalue(L_, index);
+  lua_rawseti(L_, list, slot);
+}
+
+// The entries of tables that were collected meanwhile are dropped by
+// copying the others into a new list: compacting in place would keep the
+// room of the largest document ever decoded.
+void DeferredAnnotations::Finish() {
+  for (int type = 0; type < 2; ++type) {
+    const int list = lists_[type];
+    if (list == 0) continue;
+    const lua_Integer count = ReadSlot(L_, list, kCountSlot);
+    if (count < ReadSlot(L_, list, kCompactSlot)) continue;
+    lua_Integer kept = 0;
+    for (lua_Integer i = 1; i <= count; ++i) {
+      if (lua_rawgeti(L_, list, i) != LUA_TNIL) ++kept;
+      lua_pop(L_, 1);
+    }
+    NewDeferredList(L_, type, static_cast<int>(kept));
+    const int fresh = lua_gettop(L_);
+    lua_Integer slot = 0;
+    for (lua_Integer i = 1; i <= count; ++i) {
+      if (lua_rawgeti(L_, list, i) == LUA_TNIL) {
+        lua_pop(L_, 1);
+      } else {
+        lua_rawseti(L_, fresh, ++slot);
+      }
+    }
+    WriteSlot(L_, fresh, kCountSlot, slot);
+    WriteSlot(L_, fresh, kCompactSlot, std::max(kMinCompactCount, 2 * slot));
+    lua_replace(L_, list);
+  }
+}
+
+void FlushDeferredAnnotations(lua_State* L, int metas) {
+  luaL_checkstack(L, 10, "json annotations");
+  for (int type = 0; type < 2; ++type) {
+    if (lua_rawgetp(L, LUA_REGISTRYINDEX, &kDeferredKeys[type]) != LUA_TTABLE) {
+      lua_pop(L, 1);
+      continue;
+    }
+    const int list = lua_gettop(L);
+    const lua_Integer count = ReadSlot(L, list, kCountSlot);
+    if (count > 0) {
+      PushSharedMetadata(L, type);
+      const int metadata = lua_gettop(L);
+      for (lua_Integer i = 1; i <= count; ++i) {
+        if (lua_rawgeti(L, list, i) == LUA_TNIL) {
+          lua_pop(L, 1);
+          continue;
+        }
+        lua_pushvalue(L, metadata);
+        lua_rawset(L, metas);
+        lua_pushnil(L);
+        lua_rawseti(L, list, i);
+      }
+      // Growing the table of metadata may have run a finalizer that listed
+      // more tables; they move down to the front.
+      const lua_Integer now = ReadSlot(L, list, kCountSlot);
+      for (lua_Integer i = count + 1; i <= now; ++i) {
+        lua_rawgeti(L, list, i);
+        lua_rawseti(L, list, i - count);
+        lua_pushnil(L);
+        lua_rawseti(L, list, i);
+      }
+      WriteSlot(L, list, kCountSlot, now - count);
+      lua_pop(L, 1);
+    }
+    lua_pop(L, 1);
+  }
 }
 
 void PushSharedMetadata(lua_State* L, int type) {

@@ -3,7 +3,10 @@
 // or were declared as arrays or objects, which one they are. The record lives
 // in a weak-keyed table that the json library creates ("_$meta" in its library
 // table), so annotated tables stay collectable; a runtime without the json
-// library treats every table as not annotated.
+// library treats every table as not annotated. Tables that json.decode makes
+// are recorded when the table of metadata is next read through the functions
+// below or indexed by a script; only a raw walk of it (next, rawget) may miss
+// them until then.
 //
 // The conversions themselves are RunTime::CreateAtStack(const Json::Value&)
 // and ObjectRef/TableRef::AsJsonValue. Like every handle operation they belong

@@ -30,11 +30,16 @@ void LuaModuleContext::SetPostLoadCallback(const PostLoadCallback& callback) {
   postLoad_ = callback;
 }
 
+void LuaModuleContext::Cancel() {
+  const boost::shared_ptr<RunTime> rt = boost::atomic_load(&runtime_);
+  if (rt) rt->Cancel();
+}
+
 void LuaModuleContext::Init() {
   try {
     // The old runtime goes first: a reload starts from a clean state.
-    runtime_.reset();
-    runtime_ = RunTime::Create();
+    boost::atomic_store(&runtime_, boost::shared_ptr<RunTime>());
+    boost::atomic_store(&runtime_, RunTime::Create());
     if (!hasScript_) return;
     // The callbacks get their own reference, so that nothing they do to it
     // can pull the runtime out from under the load.
@@ -49,7 +54,7 @@ void LuaModuleContext::Init() {
     CORVANE_LOG(zul_log_logger__lua(), zullog::SeverityInfo, "lua_module_ctx")
         << "Init: " << path_ << " has been loaded";
   } catch (const std::exception& e) {
-    runtime_.reset();
+    boost::atomic_store(&runtime_, boost::shared_ptr<RunTime>());
     throw std::runtime_error(std::string("LuaModuleContext: runtime init error: ") + e.what());
   }
 }

@@ -60,11 +60,16 @@ class LuaModuleContext : public std::enable_shared_from_this<LuaModuleContext>, 
   // Init() when the file changed and reloading on change was asked for, or
   // when there is no usable runtime. Callers hold the mutex.
   void ReloadIfNeeded();
+  // Any thread, without waiting for the Lock: RunTime::Cancel on the current
+  // runtime, so the HTTP request or cv.sleep a locked script is blocked in
+  // fails at once with a script error. Nothing happens while nothing is loaded.
+  void Cancel();
   // Kept as part of the interface; they do nothing.
   void SetGcParams() {}
   void CollectGarbage() {}
 
  private:
+  // Replaced only with boost::atomic_store, since Cancel reads it without the mutex.
   boost::shared_ptr<RunTime> runtime_;
   utils::FileStatus fileStatus_;
   std::string path_;

@@ -9,7 +9,8 @@ namespace lua {
 namespace detatils {
 
 // Pushes the table of metadata and returns its absolute index; returns 0 and
-// pushes nothing when the json library is not open.
+// pushes nothing when the json library is not open. Records the deferred
+// annotations first, so that the table is complete for its reader.
 int PushAllMetadatas(lua_State* L);
 
 // Pushes the metadata table that every table of one annotation shares. It is
@@ -25,6 +26,30 @@ lua_Integer AnnotationOf(lua_State* L, int metas, int index);
 // Records `type` for the table at `index` by pointing its entry at the shared
 // metadata table of that kind.
 void Annotate(lua_State* L, int metas, int index, int type);
+
+// Annotations made in bulk by decoding. Probing the table of metadata, which
+// is as large as all annotated tables together, costs a cache miss or two
+// per table; appending to a list costs next to nothing. So decoded tables
+// are listed (weakly, per kind) and moved into the table of metadata only
+// when somebody reads it: PushAllMetadatas, and scripts indexing it, whose
+// metatable sends them through FlushDeferredAnnotations. A decoded document
+// that nobody asks about is never recorded at all.
+class DeferredAnnotations {
+ public:
+  // Pushes the two lists; does nothing when the json library is not open.
+  explicit DeferredAnnotations(lua_State* L);
+  // Lists the table at `index` (absolute) as an object (0) or array (1).
+  void Add(int index, int type);
+  // Compacts a list that the collector has thinned out.
+  void Finish();
+
+ private:
+  lua_State* L_;
+  int lists_[2] = {0, 0};
+};
+
+// Moves the deferred annotations into the table of metadata at `metas`.
+void FlushDeferredAnnotations(lua_State* L, int metas);
 
 }  // namespace detatils
 }  // namespace lua

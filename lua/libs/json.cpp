@@ -2,9 +2,10 @@
 // json.null, array and object annotation, and a handle to a file-backed store.
 // Decoding parses with simdjson straight into Lua values; encoding writes
 // through utils::JsonWriter. Both follow the host conversion's rules: arrays
-// and objects are annotated, null members and elements are left out, and an
-// annotation decides how a table is written back.
-#include <clocale>
+// and objects are annotated, null members and elements are left out, and the
+// annotation decides how a table is written back where its keys allow both
+// forms (an empty table, or one with index keys only).
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <locale.h>
@@ -97,6 +98,7 @@ class ScratchLease {
 // strtod in the "C" locale: the host may have set a locale with a decimal comma.
 double ParseDouble(const std::string& text) {
   static const locale_t cLocale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(nullptr));
+  if (cLocale == static_cast<locale_t>(nullptr)) return std::strtod(text.c_str(), nullptr);
   return strtod_l(text.c_str(), nullptr, cLocale);
 }
 
@@ -107,18 +109,8 @@ std::string_view TrimTrailingSpace(std::string_view text) {
   return text;
 }
 
-std::string_view RawToken(ondemand::value& value) {
-  return value.raw_json_token();
-}
-
-std::string_view RawToken(ondemand::document& document) {
-  std::string_view token;
-  if (document.raw_json_token().get(token) != simdjson::SUCCESS) return std::string_view();
-  return token;
-}
-
-// Registry key of the member name cache.
-const char kNameCacheKey = 0;
+// Registry key of the string cache.
+const char kStringCacheKey = 0;
 
 // Elements of one container gathered on the stack before they are moved into
 // its table, and the room kept free above them (a value and the moves).
@@ -126,46 +118,47 @@ constexpr int kMaxPending = 4096;
 constexpr int kStackMargin = 16;
 
 // Builds script values from a simdjson document. Every container it makes is
-// annotated through the shared metadata tables on the stack.
+// annotated, through the deferred annotations.
 class Decoder {
  public:
-  // Pushes the helpers it works with (see the members); `textEnd` ends the
-  // text that the document was made from.
-  Decoder(lua_State* L, const char* textEnd) : L_(L), textEnd_(textEnd) {
+  // Pushes the helpers it works with (see the members).
+  explicit Decoder(lua_State* L) : L_(L), annotations_(L) {
     luaL_checkstack(L_, 10, "json.decode");
-    metas_ = detatils::PushAllMetadatas(L_);
-    if (metas_ != 0) {
-      detatils::PushSharedMetadata(L_, JsonAnnotatedObject);
-      objectMeta_ = lua_gettop(L_);
-      detatils::PushSharedMetadata(L_, JsonAnnotatedArray);
-      arrayMeta_ = lua_gettop(L_);
-    }
-    if (lua_rawgetp(L_, LUA_REGISTRYINDEX, &kNameCacheKey) != LUA_TTABLE) {
+    // The runtime's string cache is taken out of the registry for the decode:
+    // a decode that a finalizer runs meanwhile must not replace the strings
+    // that this one points at.
+    if (lua_rawgetp(L_, LUA_REGISTRYINDEX, &kStringCacheKey) == LUA_TTABLE) {
+      lua_pushnil(L_);
+      lua_rawsetp(L_, LUA_REGISTRYINDEX, &kStringCacheKey);
+    } else {
       lua_pop(L_, 1);
-      lua_createtable(L_, kNameCacheSize, 0);
-      lua_pushvalue(L_, -1);
-      lua_rawsetp(L_, LUA_REGISTRYINDEX, &kNameCacheKey);
+      lua_createtable(L_, kStringCacheSize, 0);
     }
-    nameCache_ = lua_gettop(L_);
+    stringCache_ = lua_gettop(L_);
   }
 
-  // Pushes the document's value: json.null for a null at the top.
-  simdjson::error_code Document(ondemand::document& document) {
+  // Pushes the document's value. With `wrapped`, the text was one scalar put
+  // in brackets (see DecodeText), and the scalar is the value; a null there
+  // becomes json.null.
+  simdjson::error_code Document(ondemand::document& document, bool wrapped) {
+    ondemand::value root;
     ondemand::json_type type;
-    simdjson::error_code error = document.type().get(type);
-    if (error) return error;
-    if (type == ondemand::json_type::array || type == ondemand::json_type::object) {
-      ondemand::value value;
-      error = document.get_value().get(value);
-      if (!error) error = Value(value, type, 0);
-      if (!error && !AtEnd(document)) error = simdjson::TRAILING_CONTENT;
-    } else if (type == ondemand::json_type::null) {
-      bool isNull = false;
-      error = document.is_null().get(isNull);
-      if (!error && !isNull) error = simdjson::N_ATOM_ERROR;
-      if (!error) lua_pushlightuserdata(L_, JsonNullValue());
-    } else {
-      error = Scalar(document, type);
+    simdjson::error_code error = document.get_value().get(root);
+    if (!error) error = root.type().get(type);
+    if (!error && wrapped) {
+      error = type == ondemand::json_type::array ? Scalar(root) : simdjson::TAPE_ERROR;
+    } else if (!error) {
+      error = Value(root, type, 0);
+    }
+    // "[1][2]" ends with ']' as a single array would.
+    const char* location = nullptr;
+    if (!error && document.current_location().get(location) != simdjson::OUT_OF_BOUNDS) {
+      error = simdjson::TRAILING_CONTENT;
+    }
+    if (!error) {
+      annotations_.Finish();
+      lua_pushvalue(L_, stringCache_);
+      lua_rawsetp(L_, LUA_REGISTRYINDEX, &kStringCacheKey);
     }
     return error;
   }
@@ -187,65 +180,82 @@ class Decoder {
     }
   }
 
-  template <class Source>
-  simdjson::error_code Scalar(Source& source, ondemand::json_type type) {
+  simdjson::error_code Scalar(ondemand::value& value, ondemand::json_type type) {
     switch (type) {
-      case ondemand::json_type::number: return Number(source);
+      case ondemand::json_type::number: return Number(value);
       case ondemand::json_type::string: {
         std::string_view text;
-        const simdjson::error_code error = source.get_string().get(text);
-        if (!error) lua_pushlstring(L_, text.data(), text.size());
+        const simdjson::error_code error = value.get_string().get(text);
+        if (!error) PushString(text);
         return error;
       }
       case ondemand::json_type::boolean: {
-        bool value = false;
-        const simdjson::error_code error = source.get_bool().get(value);
-        if (!error) lua_pushboolean(L_, value ? 1 : 0);
+        bool flag = false;
+        const simdjson::error_code error = value.get_bool().get(flag);
+        if (!error) lua_pushboolean(L_, flag ? 1 : 0);
         return error;
       }
       default: return simdjson::TAPE_ERROR;
     }
   }
 
+  // The one element of the brackets around a scalar.
+  simdjson::error_code Scalar(ondemand::value& brackets) {
+    ondemand::array array;
+    simdjson::error_code error = brackets.get_array().get(array);
+    if (error) return error;
+    int count = 0;
+    for (auto element : array) {
+      if (++count > 1) return simdjson::TAPE_ERROR;
+      ondemand::value value;
+      ondemand::json_type type;
+      error = std::move(element).get(value);
+      if (!error) error = value.type().get(type);
+      if (!error && type == ondemand::json_type::null) {
+        error = SkipNull(value);
+        if (!error) lua_pushlightuserdata(L_, JsonNullValue());
+      } else if (!error) {
+        error = Scalar(value, type);
+      }
+      if (error) return error;
+    }
+    return count == 1 ? simdjson::SUCCESS : simdjson::TAPE_ERROR;
+  }
+
   // Integers become Lua integers while they fit; larger ones, and numbers
   // beyond the range of a double (1e400 reads as infinity), become floats
-  // as the Lua lexer would make them.
-  template <class Source>
-  simdjson::error_code Number(Source& source) {
-    ondemand::number number;
-    const simdjson::error_code error = source.get_number().get(number);
+  // as the Lua lexer would make them. The number's kind is asked first:
+  // simdjson's all-in-one get_number() reads floats of 19 or more digits as 0.
+  simdjson::error_code Number(ondemand::value& source) {
+    ondemand::number_type type;
+    simdjson::error_code error = source.get_number_type().get(type);
     if (!error) {
-      switch (number.get_number_type()) {
-        case ondemand::number_type::signed_integer: lua_pushinteger(L_, number.get_int64()); break;
-        case ondemand::number_type::unsigned_integer:
-          lua_pushnumber(L_, static_cast<lua_Number>(number.get_uint64()));
+      switch (type) {
+        case ondemand::number_type::signed_integer: {
+          int64_t value = 0;
+          error = source.get_int64().get(value);
+          if (!error) lua_pushinteger(L_, value);
           break;
-        default: lua_pushnumber(L_, number.get_double()); break;
+        }
+        case ondemand::number_type::unsigned_integer: {
+          uint64_t value = 0;
+          error = source.get_uint64().get(value);
+          if (!error) lua_pushnumber(L_, static_cast<lua_Number>(value));
+          break;
+        }
+        default: {
+          double value = 0;
+          error = source.get_double().get(value);
+          if (!error) lua_pushnumber(L_, value);
+          break;
+        }
       }
-      return simdjson::SUCCESS;
+      if (!error) return simdjson::SUCCESS;
     }
-    if (error != simdjson::NUMBER_ERROR && error != simdjson::NUMBER_OUT_OF_RANGE) return error;
-    const std::string_view token = TrimTrailingSpace(RawToken(source));
-    if (!utils::IsJsonNumber(token.data(), token.data() + token.size()) || !EndsText(source, token)) return error;
+    const std::string_view token = TrimTrailingSpace(source.raw_json_token());
+    if (!utils::IsJsonNumber(token.data(), token.data() + token.size())) return error;
     lua_pushnumber(L_, ParseDouble(std::string(token)));
     return simdjson::SUCCESS;
-  }
-
-  // A null element leaves its index unused; so does a null member its name.
-  // Whether nothing but whitespace follows a number at the top, which simdjson
-  // checks only for the numbers it can read itself.
-  bool EndsText(ondemand::value&, std::string_view) const { return true; }
-  bool EndsText(ondemand::document&, std::string_view token) const {
-    return TrimTrailingSpace(std::string_view(token.data(), static_cast<size_t>(textEnd_ - token.data()))).size() ==
-           token.size();
-  }
-
-  // Whether the whole text was used by a container at the top ("[1][2]" ends
-  // with ']' as a single array would). Scalars at the top check that
-  // themselves.
-  static bool AtEnd(ondemand::document& document) {
-    const char* location = nullptr;
-    return document.current_location().get(location) == simdjson::OUT_OF_BOUNDS;
   }
 
   static simdjson::error_code SkipNull(ondemand::value& value) {
@@ -286,7 +296,7 @@ class Decoder {
       if (error) return error;
     }
     MoveElements(base, &made, stored, count);
-    Annotate(base + 1, arrayMeta_);
+    annotations_.Add(base + 1, JsonAnnotatedArray);
     return simdjson::SUCCESS;
   }
 
@@ -314,13 +324,13 @@ class Decoder {
         MoveMembers(base, &made, pending);
         pending = 0;
       }
-      PushName(name);
+      PushString(name);
       error = Value(value, type, depth + 1);
       if (error) return error;
       ++pending;
     }
     MoveMembers(base, &made, pending);
-    Annotate(base + 1, objectMeta_);
+    annotations_.Add(base + 1, JsonAnnotatedObject);
     return simdjson::SUCCESS;
   }
 
@@ -369,49 +379,44 @@ class Decoder {
     *made = true;
   }
 
-  void Annotate(int table, int metadata) {
-    if (metas_ == 0) return;
-    lua_pushvalue(L_, table);
-    lua_pushvalue(L_, metadata);
-    lua_rawset(L_, metas_);
-  }
-
-  // Member names repeat from record to record. Interning a name again costs
-  // Lua a hash over its bytes and a walk through its string table; this cache
-  // hands out the string made last time for the same bytes. The strings live
-  // in a table of the registry, so the pointers here stay valid.
-  void PushName(std::string_view name) {
-    if (name.empty() || name.size() > kMaxCachedName) {
-      lua_pushlstring(L_, name.data(), name.size());
+  // Member names, and many short values, repeat from record to record.
+  // Interning such a string again costs Lua a hash over its bytes and a walk
+  // through its string table, which is as large as all strings of the
+  // runtime; this cache hands out the string made last time for the same
+  // bytes. The strings live in a table of the registry, so the pointers here
+  // stay valid. Longer strings are not interned by Lua and gain nothing.
+  void PushString(std::string_view text) {
+    if (text.empty() || text.size() > kMaxCachedString) {
+      lua_pushlstring(L_, text.data(), text.size());
       return;
     }
-    const size_t slot = (name.size() * 31 + static_cast<unsigned char>(name[0]) * 7 +
-                         static_cast<unsigned char>(name.back())) % kNameCacheSize;
-    CachedName& cached = names_[slot];
-    if (cached.size == name.size() && std::memcmp(cached.data, name.data(), name.size()) == 0) {
-      lua_rawgeti(L_, nameCache_, static_cast<lua_Integer>(slot) + 1);
+    const size_t slot = (text.size() * 31 + static_cast<unsigned char>(text[0]) * 7 +
+                         static_cast<unsigned char>(text[text.size() / 2]) * 3 +
+                         static_cast<unsigned char>(text.back())) %
+                        kStringCacheSize;
+    CachedString& cached = strings_[slot];
+    if (cached.size == text.size() && std::memcmp(cached.data, text.data(), text.size()) == 0) {
+      lua_rawgeti(L_, stringCache_, static_cast<lua_Integer>(slot) + 1);
       return;
     }
-    cached.data = lua_pushlstring(L_, name.data(), name.size());
-    cached.size = name.size();
+    cached.data = lua_pushlstring(L_, text.data(), text.size());
+    cached.size = text.size();
     lua_pushvalue(L_, -1);
-    lua_rawseti(L_, nameCache_, static_cast<lua_Integer>(slot) + 1);
+    lua_rawseti(L_, stringCache_, static_cast<lua_Integer>(slot) + 1);
   }
 
-  struct CachedName {
+  struct CachedString {
     const char* data = nullptr;
     size_t size = 0;
   };
-  static constexpr size_t kNameCacheSize = 128;
-  static constexpr size_t kMaxCachedName = 40;
+  static constexpr size_t kStringCacheSize = 256;
+  // LUAI_MAXSHORTLEN: the longest string that Lua interns.
+  static constexpr size_t kMaxCachedString = 40;
 
   lua_State* L_;
-  const char* textEnd_;
-  int metas_ = 0;        // the table of metadata, 0 without the json library
-  int objectMeta_ = 0;   // the metadata shared by all objects
-  int arrayMeta_ = 0;    // and by all arrays
-  int nameCache_ = 0;    // strings of recent member names
-  CachedName names_[kNameCacheSize];
+  detatils::DeferredAnnotations annotations_;
+  int stringCache_ = 0;  // recent short strings
+  CachedString strings_[kStringCacheSize];
 };
 
 // Pushes the value of the JSON text and returns true, or returns false with
@@ -423,21 +428,33 @@ bool DecodeText(lua_State* L, const char* text, size_t size, std::string* error)
   }
   const int base = lua_gettop(L);
 
-  simdjson::error_code failure = simdjson::SUCCESS;
-  {
+  // A scalar at the top goes in brackets, as the one element of an array:
+  // simdjson's own handling of such texts misreads some (a literal that
+  // whitespace follows, a string that something else follows).
+  size_t first = 0;
+  while (first < size && (text[first] == ' ' || text[first] == '\t' || text[first] == '\n' || text[first] == '\r')) {
+    ++first;
+  }
+  simdjson::error_code failure = first == size ? simdjson::EMPTY : simdjson::SUCCESS;
+  if (!failure) {
+    const bool wrapped = text[first] != '[' && text[first] != '{';
+    const size_t length = size + (wrapped ? 2 : 0);
     ScratchLease scratch;
-    const size_t needed = size + simdjson::SIMDJSON_PADDING;
+    const size_t needed = length + simdjson::SIMDJSON_PADDING;
     if (scratch->inputCapacity < needed) {
       scratch->input.reset(new char[needed]);
       scratch->inputCapacity = needed;
     }
-    std::memcpy(scratch->input.get(), text, size);
-    std::memset(scratch->input.get() + size, 0, simdjson::SIMDJSON_PADDING);
-    ondemand::document document;
-    failure = scratch->parser.iterate(scratch->input.get(), size, scratch->inputCapacity).get(document);
-    if (!failure) {
-      failure = Decoder(L, scratch->input.get() + size).Document(document);
+    char* input = scratch->input.get();
+    if (wrapped) {
+      input[0] = '[';
+      input[size + 1] = ']';
     }
+    std::memcpy(input + (wrapped ? 1 : 0), text, size);
+    std::memset(input + length, 0, simdjson::SIMDJSON_PADDING);
+    ondemand::document document;
+    failure = scratch->parser.iterate(input, length, scratch->inputCapacity).get(document);
+    if (!failure) failure = Decoder(L).Document(document, wrapped);
   }
 
   if (!failure) {
@@ -460,12 +477,16 @@ bool DecodeText(lua_State* L, const char* text, size_t size, std::string* error)
 
 // ---- encoding ----
 
-// Arrays with holes are written with nulls in them, but not when most of the
-// positions would be holes: {[1e9] = true} would take a gigabyte. Up to this
-// index any array is written as one.
+// Arrays with holes are written with nulls in them, but a table that is not
+// annotated as an array becomes an object when most positions would be holes
+// ({[1e9] = true} would take a gigabyte). A table annotated as an array is
+// one; it fails only beyond a generous number of holes, since decoding drops
+// the nulls of the text it came from.
 constexpr lua_Integer kDenseIndexLimit = 32;
+constexpr lua_Integer kMaxExtraHoles = lua_Integer{1} << 20;
 
-bool TooSparse(lua_Integer maxIndex, lua_Integer count) {
+bool TooSparse(lua_Integer maxIndex, lua_Integer count, bool annotated) {
+  if (annotated) return maxIndex - 2 * count > kMaxExtraHoles;
   return maxIndex > kDenseIndexLimit && maxIndex / 2 > count;
 }
 
@@ -528,6 +549,22 @@ class Encoder {
     }
     luaL_checkstack(L_, 10, "json.encode");
     path_.push_back(identity);
+    // A key that is not an index makes an object whatever the annotation
+    // says, so objects with named members are written without looking their
+    // annotation up: the lookup is a probe into a table as large as all
+    // annotated tables together, and costs more than writing a small object.
+    if (lua_rawlen(L_, index) == 0) {
+      lua_pushnil(L_);
+      if (lua_next(L_, index) != 0) {  // [key, value]
+        const bool named = !IsIndex(-2);
+        lua_pop(L_, 2);
+        if (named) {
+          Object(index, depth);
+          path_.pop_back();
+          return;
+        }
+      }
+    }
     const lua_Integer annotation = detatils::AnnotationOf(L_, metas_, index);
     switch (annotation) {
       case JsonAnnotatedObject: Object(index, depth); break;
@@ -538,16 +575,19 @@ class Encoder {
     path_.pop_back();
   }
 
-  // A table annotated as an array must have index keys only; one that is not
-  // annotated is an array when it has (an empty one included) and is not too
-  // sparse, else an object.
+  bool IsIndex(int index) const { return lua_isinteger(L_, index) && lua_tointeger(L_, index) >= 1; }
+
+  // A table with index keys only (an empty one included) is an array unless
+  // it is annotated as an object; one that is not annotated as an array
+  // becomes an object all the same when most positions would be holes (see
+  // TooSparse).
   void Array(int index, int depth, bool annotated) {
     // Most arrays are sequences: write 1..#t, then make sure nothing follows.
     const lua_Integer border = static_cast<lua_Integer>(lua_rawlen(L_, index));
     if (border > 0) {
       const utils::JsonWriter::Mark mark = writer_.GetMark();
       const lua_Integer count = Elements(index, border, depth);
-      if (!TooSparse(border, count)) {
+      if (!TooSparse(border, count, annotated)) {
         lua_pushinteger(L_, border);
         if (lua_next(L_, index) == 0) return;
         lua_pop(L_, 2);
@@ -560,17 +600,16 @@ class Encoder {
     lua_pushnil(L_);
     while (lua_next(L_, index) != 0) {  // [key, value]
       lua_pop(L_, 1);
-      const lua_Integer key = lua_isinteger(L_, -1) ? lua_tointeger(L_, -1) : 0;
-      if (key < 1) {
-        if (annotated) throw EncodeError{"invalid array index '" + KeyText(-1) + "'"};
+      if (!IsIndex(-1)) {
         lua_pop(L_, 1);
         Object(index, depth);
         return;
       }
+      const lua_Integer key = lua_tointeger(L_, -1);
       ++count;
       if (key > maxIndex) maxIndex = key;
     }
-    if (TooSparse(maxIndex, count)) {
+    if (TooSparse(maxIndex, count, annotated)) {
       if (annotated) {
         throw EncodeError{"array too sparse (index " + std::to_string(maxIndex) + " with " + std::to_string(count) +
                           " elements)"};
@@ -630,14 +669,6 @@ class Encoder {
     throw EncodeError{std::string("cannot use a ") + luaL_typename(L_, index) + " as an object key"};
   }
 
-  std::string KeyText(int index) {
-    size_t size = 0;
-    const char* text = luaL_tolstring(L_, index, &size);
-    std::string result(text, size);
-    lua_pop(L_, 1);
-    return result;
-  }
-
   lua_State* L_;
   utils::JsonWriter writer_;
   int metas_ = 0;
@@ -647,15 +678,17 @@ class Encoder {
 // The value at `index` as JSON text, or false with the reason in *error.
 bool EncodeValue(lua_State* L, int index, bool pretty, std::string* text, std::string* error) {
   const int top = lua_gettop(L);
+  bool encoded = true;
   try {
     Encoder encoder(L, pretty);
     encoder.Value(index, 0);
     *text = encoder.Take();
   } catch (const EncodeError& e) {
     *error = e.message;
+    encoded = false;
   }
   lua_settop(L, top);
-  return error->empty();
+  return encoded;
 }
 
 // Reads {pretty = bool} at `index` (absent or nil: defaults).
@@ -785,9 +818,9 @@ int OpenStorage(boost::shared_ptr<RunTime>& rt, const Args& args) {
 
 utils::JsonPersistentStorage& StorageArg(boost::shared_ptr<RunTime>& rt, const Args& args, size_t count,
                                          const char* usage) {
-  if (args.size() != count) rt->Error(std::string("Bad arguments, expected: ") + usage);
   void* block = luaL_testudata(rt->State(), 1, kStorageMetatable);
   if (block == nullptr) rt->Error("Bad argument: expected a json storage handle (call the method with ':')");
+  if (args.size() != count) rt->Error(std::string("Bad arguments, expected: ") + usage);
   return **static_cast<Storage*>(block);
 }
 
@@ -889,9 +922,33 @@ void CreateStorageMetatable(lua_State* L) {
   lua_pop(L, 1);
 }
 
+// The table of metadata's __index and __newindex: a script that reads or
+// writes it directly sees the annotations that decoding deferred.
+int MetadatasIndex(lua_State* L) {
+  detatils::FlushDeferredAnnotations(L, 1);
+  lua_settop(L, 2);
+  lua_rawget(L, 1);
+  return 1;
+}
+
+int MetadatasNewIndex(lua_State* L) {
+  detatils::FlushDeferredAnnotations(L, 1);
+  lua_settop(L, 3);
+  lua_rawset(L, 1);
+  return 0;
+}
+
 void InitJsonLib(boost::shared_ptr<RunTime>& rt, boost::shared_ptr<TableRef>& table) {
   RunTime::StackCleaner cleaner(rt);
-  table->Set(GetAllMetadatasTableName(), rt->CreateWeakTableAtStack(RunTime::WeakKeys));
+  const boost::shared_ptr<TableRef> metas = rt->CreateWeakTableAtStack(RunTime::WeakKeys);
+  lua_State* L = rt->State();
+  lua_getmetatable(L, metas->StackIndex());
+  lua_pushcfunction(L, MetadatasIndex);
+  lua_setfield(L, -2, "__index");
+  lua_pushcfunction(L, MetadatasNewIndex);
+  lua_setfield(L, -2, "__newindex");
+  lua_pop(L, 1);
+  table->Set(GetAllMetadatasTableName(), metas);
   table->Set("null", JsonNullValue());
   rt->EnsureFreeStackSlots(10);
   CreateStorageMetatable(rt->State());

@@ -1,0 +1,213 @@
+#include "lua/json.h"
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <fstream>
+#include <limits>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <json/reader.h>
+#include <json/value.h>
+
+#include "lua/libs/libs.h"
+#include "lua/object_ref.h"
+#include "lua/runtime.h"
+#include "lua/script_test_util.h"
+#include "utils/json_writer.h"
+
+namespace {
+
+using lua::JsonAnnotatedType;
+using lua::RunTime;
+using lua_test::ThrownText;
+
+Json::Value Parse(const std::string& text) {
+  Json::Value value;
+  std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+  std::string error;
+  EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &error)) << text << ": " << error;
+  return value;
+}
+
+std::string Text(const Json::Value& value) {
+  return utils::WriteJson(value, false);
+}
+
+class JsonConversion : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    lua::RegisterJsonLib();
+    rt_ = RunTime::Create();
+  }
+
+  // The script's first result as JSON text, through AsJsonValue.
+  std::string ScriptToJson(const std::string& code) {
+    RunTime::StackCleaner cleaner(rt_);
+    return Text(rt_->RunString(code, false).front()->AsJsonValue());
+  }
+
+  boost::shared_ptr<RunTime> rt_;
+};
+
+TEST_F(JsonConversion, DocumentsSurviveTheRoundTripThroughAScriptTable) {
+  const struct {
+    const char* in;
+    const char* out;  // null: the same as `in`
+  } cases[] = {
+      {"[]", nullptr},
+      {"{}", nullptr},
+      {"[[],{},[[]],{\"a\":{}}]", nullptr},
+      {"{\"a\":[1,{\"b\":[]}],\"c\":{\"d\":[{}]}}", nullptr},
+      {"[1,null,3]", nullptr},
+      {"[null,null]", "[]"},  // nothing was stored, but the table still knows it is an array
+      {"{\"a\":null,\"b\":1}", "{\"b\":1}"},
+      {"{\"a\":null}", "{}"},
+      {"[9223372036854775807,-9223372036854775808]", nullptr},
+      {"[2.0,0.5,-0.0,1e+300]", nullptr},
+      {"[true,false,\"\"]", nullptr},
+      {"\"caf\\u00e9 \\ud83d\\ude00\"", "\"caf\xC3\xA9 \xF0\x9F\x98\x80\""},
+      {"{\"1\":\"one\",\"2\":\"two\"}", nullptr},  // string keys that look like indices stay an object
+      {"[[1,[2,[3,[4,{\"x\":[5]}]]]]]", nullptr},
+  };
+  for (const auto& c : cases) {
+    RunTime::StackCleaner cleaner(rt_);
+    const int top = rt_->StackTopIndex();
+    const boost::shared_ptr<lua::ObjectRef> value = rt_->CreateAtStack(Parse(c.in));
+    EXPECT_EQ(rt_->StackTopIndex(), top + 1) << c.in;
+    EXPECT_EQ(Text(value->AsJsonValue()), c.out ? c.out : c.in);
+    EXPECT_EQ(rt_->StackTopIndex(), top + 1) << "AsJsonValue leaves the stack as it was";
+  }
+}
+
+TEST_F(JsonConversion, ScriptBuiltTablesAreDecidedByTheirKeys) {
+  EXPECT_EQ(ScriptToJson("return {}"), "[]");
+  EXPECT_EQ(ScriptToJson("return {1, 2, nil, 4}"), "[1,2,null,4]");
+  EXPECT_EQ(ScriptToJson("return {[1] = 'a', x = 1}"), "{\"1\":\"a\",\"x\":1}");
+  EXPECT_EQ(ScriptToJson("return {[3] = 'c', [1] = 'a'}"), "[\"a\",null,\"c\"]");
+  EXPECT_EQ(ScriptToJson("return {[0] = 'zero'}"), "{\"0\":\"zero\"}");
+  EXPECT_EQ(ScriptToJson("return {[1.5] = true}"), "{\"1.5\":true}");
+  EXPECT_EQ(ScriptToJson("return {2.0, 3, 2^63, 1e300}"), "[2.0,3,9223372036854775808.0,1e+300]");
+  EXPECT_EQ(ScriptToJson("return {json.null, n = json.null}"), "{\"1\":null,\"n\":null}");
+  // Values without a JSON form become their tostring() text.
+  const std::string function = ScriptToJson("return {print}");
+  EXPECT_EQ(function.substr(0, 12), "[\"function: ");
+}
+
+TEST_F(JsonConversion, AnnotationDecidesOverTheKeys) {
+  EXPECT_EQ(ScriptToJson("return json.object({})"), "{}");
+  EXPECT_EQ(ScriptToJson("return json.object({'a', 'b'})"), "{\"1\":\"a\",\"2\":\"b\"}");
+  EXPECT_EQ(ScriptToJson("return json.array({[2] = 'b'})"), "[null,\"b\"]");
+  EXPECT_EQ(ThrownText([&] { ScriptToJson("return json.array({x = 1})"); }), "Invalid reference");
+  EXPECT_EQ(ThrownText([&] { ScriptToJson("return json.array({[0] = 1})"); }),
+            "AsJsonArray(): invalid array index: '0'");
+  EXPECT_EQ(ThrownText([&] { ScriptToJson("return json.array({[1.5] = 1})"); }),
+            "AsJsonArray(): invalid array index: '1.5'");
+  EXPECT_EQ(ThrownText([&] { ScriptToJson("local t = {} json['_$meta'][t] = {type = 7} return t"); }),
+            "AsJsonValue(): bad annotated type: '7'");
+  // The explicit forms ignore the annotation.
+  RunTime::StackCleaner cleaner(rt_);
+  const auto table = rt_->RunString("return json.array({})", false).front()->AsTableRef();
+  EXPECT_EQ(Text(table->AsJsonObject()), "{}");
+  EXPECT_EQ(Text(table->AsJsonArrayOrObject()), "[]");
+}
+
+TEST_F(JsonConversion, AnnotationFunctionsKeepTheRecordOutsideTheTable) {
+  RunTime::StackCleaner cleaner(rt_);
+  const auto decoded = rt_->CreateAtStack(Parse("[[],[]]"))->AsTableRef();
+  const auto first = decoded->Get(1);
+  const auto second = decoded->Get(2);
+  const int top = rt_->StackTopIndex();
+  EXPECT_EQ(lua::GetJsonAnnotatedType(first), lua::JsonAnnotatedArray);
+  lua::SetJsonAnnotatedType(first, lua::JsonAnnotatedObject);
+  EXPECT_EQ(lua::GetJsonAnnotatedType(first), lua::JsonAnnotatedObject);
+  // Tables share metadata; changing one must not change the other.
+  EXPECT_EQ(lua::GetJsonAnnotatedType(second), lua::JsonAnnotatedArray);
+  EXPECT_EQ(Text(decoded->AsJsonValue()), "[{},[]]");
+  lua::SetJsonAnnotatedType(first, lua::JsonNotAnnotated);
+  EXPECT_EQ(lua::GetJsonAnnotatedType(first), lua::JsonNotAnnotated);
+  EXPECT_EQ(rt_->StackTopIndex(), top);
+
+  const auto fresh = rt_->CreateTableAtStack();
+  EXPECT_EQ(lua::GetJsonAnnotatedType(fresh), lua::JsonNotAnnotated);
+  EXPECT_FALSE(lua::GetMetadataTable(fresh));
+  lua::SetJsonAnnotatedType(fresh, lua::JsonAnnotatedArray);
+  const auto metadata = lua::GetMetadataTable(fresh);
+  ASSERT_TRUE(metadata);
+  EXPECT_EQ(metadata->Get("type")->AsInteger(), 1);
+  const auto all = lua::GetAllMetadatasTable(rt_);
+  ASSERT_TRUE(all);
+  EXPECT_EQ(all->Get(fresh)->AsPointer(), metadata->AsPointer());
+  EXPECT_EQ(rt_->RunString("return getmetatable(json['_$meta']).__mode", false).front()->AsString(), "k");
+
+  EXPECT_EQ(ThrownText([&] { lua::SetJsonAnnotatedType(rt_->CreateAtStack(5), lua::JsonAnnotatedArray); }),
+            "SetJsonAnnotatedType(): an attempt to annotate lua 'number' type as '1'");
+  EXPECT_EQ(ThrownText([&] { lua::SetJsonAnnotatedType(fresh, static_cast<JsonAnnotatedType>(3)); }),
+            "SetJsonAnnotatedType(): invalid annotation type '3'");
+}
+
+TEST_F(JsonConversion, WithoutTheJsonLibraryNothingIsAnnotated) {
+  RunTime::StackCleaner cleaner(rt_);
+  rt_->RunString("package.loaded.json = nil", false);
+  const auto table = rt_->CreateAtStack(Parse("{}"));
+  EXPECT_EQ(lua::GetJsonAnnotatedType(table), lua::JsonNotAnnotated);
+  lua::SetJsonAnnotatedType(table, lua::JsonAnnotatedObject);
+  EXPECT_EQ(lua::GetJsonAnnotatedType(table), lua::JsonNotAnnotated);
+  EXPECT_FALSE(lua::GetAllMetadatasTable(rt_));
+  EXPECT_EQ(Text(table->AsJsonValue()), "[]");
+}
+
+TEST_F(JsonConversion, FailuresLeaveTheStackAndTheRuntimeUsable) {
+  RunTime::StackCleaner cleaner(rt_);
+  const int top = rt_->StackTopIndex();
+  Json::Value tooLarge(Json::arrayValue);
+  tooLarge.append(Json::Value(Json::UInt64(std::numeric_limits<uint64_t>::max())));
+  const std::string text = ThrownText([&] { rt_->CreateAtStack(tooLarge); });
+  EXPECT_TRUE(lua_test::StartsWith(text, "CreateAtStack(): convert from Json to Lua error: ")) << text;
+  EXPECT_EQ(rt_->StackTopIndex(), top);
+
+  Json::Value deep(Json::arrayValue);
+  for (int i = 0; i < lua::kMaxJsonDepth; ++i) {
+    Json::Value outer(Json::arrayValue);
+    outer.append(deep);
+    deep.swap(outer);
+  }
+  EXPECT_TRUE(lua_test::StartsWith(ThrownText([&] { rt_->CreateAtStack(deep); }),
+                                   "CreateAtStack(): convert from Json to Lua error: ConvertToLuaObject(): JSON "
+                                   "nested deeper than 1000 levels"));
+  EXPECT_EQ(rt_->StackTopIndex(), top);
+
+  const std::string cycle = ThrownText([&] { ScriptToJson("local t = {} t[1] = t return t"); });
+  EXPECT_TRUE(lua_test::StartsWith(cycle, "AsJsonValue(): tables nested deeper than 1000 levels")) << cycle;
+  EXPECT_EQ(ScriptToJson("return {ok = true}"), "{\"ok\":true}");
+}
+
+TEST_F(JsonConversion, ScalarsAndStaleHandles) {
+  RunTime::StackCleaner cleaner(rt_);
+  EXPECT_EQ(Text(rt_->CreateAtStack(std::numeric_limits<long long>::min())->AsJsonValue()), "-9223372036854775808");
+  EXPECT_EQ(Text(rt_->CreateAtStack(2.0)->AsJsonValue()), "2.0");
+  EXPECT_EQ(Text(rt_->CreateNilAtStack()->AsJsonValue()), "null");
+  EXPECT_EQ(Text(rt_->CreateAtStack(lua::JsonNullValue())->AsJsonValue()), "null");
+  // Strings go in as C strings.
+  EXPECT_EQ(Text(rt_->CreateAtStack(Json::Value(std::string("a\0b", 3)))->AsJsonValue()), "\"a\"");
+  const auto number = rt_->CreateAtStack(1);
+  rt_->PopFromStack(1);
+  rt_->CreateAtStack(true);
+  EXPECT_EQ(ThrownText([&] { number->AsJsonValue(); }), "Invalid reference");
+}
+
+TEST_F(JsonConversion, RunFileTakesJsonArguments) {
+  const std::string path = std::string(CORVANE_BINARY_DIR) + "/json_args_" + std::to_string(::getpid()) + ".lua";
+  std::ofstream(path) << "return init_data";
+  RunTime::StackCleaner cleaner(rt_);
+  EXPECT_EQ(Text(rt_->RunFile(path, Parse("{\"a\":[1,{}]}"), false).front()->AsJsonValue()), "{\"a\":[1,{}]}");
+  EXPECT_EQ(Text(rt_->RunFile(path, Parse("[]"), false).front()->AsJsonValue()), "[]");
+  EXPECT_EQ(ThrownText([&] { rt_->RunFile(path, Json::Value(5), false); }),
+            "RunImpl(): invalid args type are passed");
+  std::remove(path.c_str());
+}
+
+}  // namespace

@@ -1,0 +1,159 @@
+// The corvane runner run on script files: exit status, standard output and
+// standard error.
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+extern char** environ;
+
+namespace {
+
+struct Outcome {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+class Runner : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = std::string(CORVANE_BINARY_DIR) + "/runner_" + std::to_string(::getpid()) + "_" +
+           ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    std::filesystem::create_directories(dir_);
+  }
+  void TearDown() override { std::filesystem::remove_all(dir_); }
+
+  std::string Script(const std::string& name, const std::string& code) {
+    const std::string path = dir_ + "/" + name;
+    std::ofstream(path) << code;
+    return path;
+  }
+
+  Outcome Run(std::vector<std::string> args) {
+    args.insert(args.begin(), CORVANE_RUNNER);
+    std::vector<char*> argv;
+    for (std::string& arg : args) argv.push_back(&arg[0]);
+    argv.push_back(nullptr);
+    const std::string outPath = dir_ + "/stdout";
+    const std::string errPath = dir_ + "/stderr";
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    pid_t pid = 0;
+    Outcome outcome;
+    const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (spawned != 0) return outcome;
+    int status = 0;
+    if (waitpid(pid, &status, 0) == pid && WIFEXITED(status)) outcome.status = WEXITSTATUS(status);
+    outcome.out = Read(outPath);
+    outcome.err = Read(errPath);
+    return outcome;
+  }
+
+  static std::string Read(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+
+  std::string dir_;
+};
+
+TEST_F(Runner, PrintsTheResultsAsOneJsonArray) {
+  const std::string script = Script("greet.lua",
+                                    "local name = init_data.name or 'nobody'\n"
+                                    "function add(a, b) return a + b, {sum = a + b} end\n"
+                                    "return 'hello ' .. name, 42, 0.5, {1, {}}, json.object(), nil\n");
+  Outcome run = Run({"run", script, "--args", "{\"name\": \"corvane\"}"});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.out, "[\"hello corvane\",42,0.5,[1,[]],{},null]\n");
+  EXPECT_EQ(run.err, "");
+
+  run = Run({"run", script});
+  EXPECT_EQ(run.out, "[\"hello nobody\",42,0.5,[1,[]],{},null]\n");
+
+  run = Run({"run", script, "--call", "add", "--call-args", "[2, 3.5]"});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.out, "[5.5,{\"sum\":5.5}]\n");
+
+  run = Run({"run", Script("args.lua", "return #init_data, init_data[2]"), "--args=[\"a\",\"b\"]"});
+  EXPECT_EQ(run.out, "[2,\"b\"]\n");
+
+  run = Run({"run", Script("none.lua", "local x = 1")});
+  EXPECT_EQ(run.out, "[]\n");
+}
+
+TEST_F(Runner, EvaluatesCode) {
+  Outcome eval = Run({"eval", "return init_data.x * 2, json.encode(init_data)", "--args", "{\"x\": 21}"});
+  EXPECT_EQ(eval.status, 0) << eval.err;
+  EXPECT_EQ(eval.out, "[42,\"{\\\"x\\\":21}\"]\n");
+  eval = Run({"eval", "error('boom')"});
+  EXPECT_EQ(eval.status, 1);
+  EXPECT_EQ(eval.out, "");
+  EXPECT_EQ(eval.err.rfind("Lua: eval:1: boom", 0), 0u) << eval.err;
+}
+
+TEST_F(Runner, ErrorsExitWithOne) {
+  const std::string broken = Script("broken.lua", "return (");
+  Outcome run = Run({"run", broken});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err.rfind("LuaModuleContext: runtime init error: Lua: ", 0), 0u) << run.err;
+  EXPECT_NE(run.err.find("broken.lua:1:"), std::string::npos) << run.err;
+
+  run = Run({"run", Script("fails.lua", "error('script failed')")});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.err.find("script failed"), std::string::npos);
+
+  run = Run({"run", dir_ + "/missing.lua"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.err.find("missing.lua"), std::string::npos);
+
+  run = Run({"run", Script("ok.lua", "return 1"), "--call", "nothing"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.err.find("RunFunc(): expected type: function, got type: nil"), std::string::npos);
+
+  run = Run({"run", Script("cycle.lua", "local t = {} t[1] = t return t")});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.err.find("nested deeper"), std::string::npos);
+}
+
+TEST_F(Runner, BadUsageExitsWithTwo) {
+  const std::string script = Script("ok.lua", "return 1");
+  const std::vector<std::vector<std::string>> cases = {
+      {},
+      {"walk", script},
+      {"run"},
+      {"run", script, "--args"},
+      {"run", script, "--args", "{not json}"},
+      {"run", script, "--args", "5"},
+      {"run", script, "--call-args", "[]"},
+      {"run", script, "--call", "f", "--call-args", "{}"},
+      {"run", script, "--verbose", "yes"},
+      {"eval", "return 1", "--call", "f"},
+  };
+  for (const std::vector<std::string>& args : cases) {
+    const Outcome run = Run(args);
+    EXPECT_EQ(run.status, 2) << (args.empty() ? "" : args[0]) << " " << args.size();
+    EXPECT_EQ(run.out, "");
+    EXPECT_NE(run.err.find("Usage:"), std::string::npos);
+  }
+  const Outcome version = Run({"--version"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_EQ(version.out.rfind("corvane ", 0), 0u);
+  const Outcome help = Run({"--help"});
+  EXPECT_EQ(help.status, 0);
+  EXPECT_EQ(help.out.rfind("Usage:", 0), 0u);
+}
+
+}  // namespace
