@@ -90,6 +90,45 @@ void RunTime::Init() {
   AddPackagePaths({utils::GetProgramExeDir() + "?.lua"});
 }
 
+RunTime* RunTime::Owner(lua_State* state) {
+  void* userData = nullptr;
+  lua_getallocf(state, &userData);
+  return static_cast<RunTime*>(userData);
+}
+
+void RunTime::Cancel() {
+  std::lock_guard<std::mutex> lock(cancelMutex_);
+  if (canceller_) {
+    canceller_();
+    // Delivered once: a further Cancel waits for the next wait.
+    canceller_ = nullptr;
+    cancelDelivered_ = true;
+  } else {
+    cancelPending_ = true;
+  }
+}
+
+RunTime::CancellableWait::CancellableWait(lua_State* state, std::function<void()> canceller)
+    : owner_(Owner(state)) {
+  if (owner_ == nullptr) return;
+  std::lock_guard<std::mutex> lock(owner_->cancelMutex_);
+  owner_->cancelDelivered_ = owner_->cancelPending_;
+  owner_->cancelPending_ = false;
+  if (!owner_->cancelDelivered_) owner_->canceller_ = std::move(canceller);
+}
+
+RunTime::CancellableWait::~CancellableWait() {
+  if (owner_ == nullptr) return;
+  std::lock_guard<std::mutex> lock(owner_->cancelMutex_);
+  owner_->canceller_ = nullptr;
+}
+
+bool RunTime::CancellableWait::Cancelled() const {
+  if (owner_ == nullptr) return false;
+  std::lock_guard<std::mutex> lock(owner_->cancelMutex_);
+  return owner_->cancelDelivered_;
+}
+
 void RunTime::PanicHandler(lua_State* state) {
   void* userData = nullptr;
   lua_getallocf(state, &userData);

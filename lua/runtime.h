@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <exception>
 #include <functional>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -132,6 +133,16 @@ class RunTime : public boost::enable_shared_from_this<RunTime>, private utils::N
 
   [[noreturn]] static void PanicHandler(lua_State* state);
 
+  // Cancellation of blocking native calls (an HTTP request, cv.sleep).
+  // Cancel may be called from any thread while the runtime lives: it wakes
+  // the CancellableWait that a native function of this runtime is blocked in,
+  // or, when none is, cancels the next one. Each Cancel cancels one wait.
+  void Cancel();
+  class CancellableWait;
+  // The runtime that created the state (RunTime::Create), not a Wrap'd view;
+  // null for states made elsewhere.
+  static RunTime* Owner(lua_State* state);
+
   // Handles. Each CreateAtStack pushes one value and returns a handle to it.
   boost::shared_ptr<ObjectRef> ObjectAtStack(int index);
   boost::shared_ptr<ObjectRef> ObjectAtStackTop() { return ObjectAtStack(lua_gettop(state_)); }
@@ -208,6 +219,28 @@ class RunTime : public boost::enable_shared_from_this<RunTime>, private utils::N
   bool wrapped_;
   bool valid_;
   lua_State* state_;
+
+  // Shared with Cancel's thread; guarded by cancelMutex_.
+  std::mutex cancelMutex_;
+  std::function<void()> canceller_;
+  bool cancelPending_ = false;
+  bool cancelDelivered_ = false;
+};
+
+// Installs, for its own life, the function that wakes the wait a native
+// function is about to block in (it runs on Cancel's thread, under a mutex, so
+// it must be quick and thread-safe, like a client's Cancel). Made and
+// destroyed on the script's thread, inside the native function.
+class RunTime::CancellableWait : private utils::Noncopyable {
+ public:
+  CancellableWait(lua_State* state, std::function<void()> canceller);
+  ~CancellableWait();
+  // True when a Cancel was pending at construction (the wait should not even
+  // begin) or reached the canceller since.
+  bool Cancelled() const;
+
+ private:
+  RunTime* owner_;
 };
 
 // Sets the stack top back to the index saved at construction when it goes out

@@ -3,6 +3,8 @@
 #include <errno.h>
 #include <time.h>
 
+#include <algorithm>
+
 namespace utils {
 
 int64_t GetMonotonicTimeInMs() {
@@ -23,6 +25,14 @@ void Sleep(uint32_t ms) {
   left.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
   while (nanosleep(&left, &left) != 0 && errno == EINTR) {
   }
+}
+
+Deadline::Deadline(int timeoutMs)
+    : timeoutMs_(timeoutMs), end_(timeoutMs > 0 ? GetMonotonicTimeInMs() + timeoutMs : 0) {}
+
+int Deadline::LeftMs() const {
+  if (timeoutMs_ <= 0) return timeoutMs_;
+  return static_cast<int>(std::max<int64_t>(0, end_ - GetMonotonicTimeInMs()));
 }
 
 namespace {

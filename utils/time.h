@@ -1,4 +1,4 @@
-// Clocks, sleeping and date parsing.
+// Clocks, deadlines, sleeping and date parsing.
 #pragma once
 
 #include <cstdint>
@@ -14,6 +14,18 @@ int64_t GetLocalTimeInMs();
 
 // Sleeps for the whole duration, resuming after signals.
 void Sleep(uint32_t ms);
+
+// One deadline on the monotonic clock for a series of waits: LeftMs() is what
+// remains of a positive time-out (0 once passed); 0 and negative pass through.
+class Deadline {
+ public:
+  explicit Deadline(int timeoutMs);
+  int LeftMs() const;
+
+ private:
+  int timeoutMs_;
+  int64_t end_;
+};
 
 // Parses `text` with a strptime(3) format and returns milliseconds since the
 // epoch, reading the fields as UTC when `utc` is true and as the process's local

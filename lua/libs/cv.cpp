@@ -3,7 +3,9 @@
 // one utility and converts the result; utility failures reach the script as
 // nil, bad arguments as script errors.
 #include <algorithm>
+#include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <cstdint>
 #include <limits>
 #include <mutex>
@@ -170,10 +172,34 @@ uint32_t ToSleepMs(double ms) {
   return ms >= kMax ? std::numeric_limits<uint32_t>::max() : static_cast<uint32_t>(ms);
 }
 
+// A condition variable rather than utils::Sleep, so that RunTime::Cancel from
+// a host thread ends the sleep at once.
+void CancellableSleep(const Rt& rt, uint32_t ms) {
+  struct Wake {
+    std::mutex mutex;
+    std::condition_variable condition;
+    bool woken = false;
+  } wake;
+  bool cancelled = false;
+  {
+    RunTime::CancellableWait wait(rt->State(), [&wake] {
+      std::lock_guard<std::mutex> lock(wake.mutex);
+      wake.woken = true;
+      wake.condition.notify_all();
+    });
+    if (!wait.Cancelled()) {
+      std::unique_lock<std::mutex> lock(wake.mutex);
+      wake.condition.wait_for(lock, std::chrono::milliseconds(ms), [&wake] { return wake.woken; });
+    }
+    cancelled = wait.Cancelled();
+  }
+  if (cancelled) rt->Error("cv.sleep: canceled by the host");
+}
+
 int SleepMs(Rt& rt, const Args& args) {
   rt->CheckArgsCount(args, 1);
   CheckArg(rt, args[0], LUA_TNUMBER, "Bad argument: expected only unsigned time in milliseconds");
-  utils::Sleep(ToSleepMs(args[0]->AsReal()));
+  CancellableSleep(rt, ToSleepMs(args[0]->AsReal()));
   rt->CreateAtStack(true);
   return 1;
 }

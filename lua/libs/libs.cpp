@@ -4,6 +4,7 @@ namespace lua {
 
 void RegisterAllLibs() {
   RegisterCommonLib();
+  RegisterHttpLib();
   RegisterXmlLib();
   RegisterBase64Lib();
   RegisterJsonLib();

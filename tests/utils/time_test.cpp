@@ -35,6 +35,20 @@ class LocalZone : public ::testing::Test {
   std::string savedTz_;
 };
 
+// Callers hand LeftMs() straight to poll-style waits, so "no wait" and
+// "no limit" must survive, and a passed deadline must never turn negative.
+TEST(Deadline, CountsDownToZeroAndPassesNonPositiveTimeOutsThrough) {
+  EXPECT_EQ(utils::Deadline(0).LeftMs(), 0);
+  EXPECT_EQ(utils::Deadline(-1).LeftMs(), -1);
+  EXPECT_EQ(utils::Deadline(-250).LeftMs(), -250);
+  const utils::Deadline later(60000);
+  EXPECT_GT(later.LeftMs(), 0);
+  EXPECT_LE(later.LeftMs(), 60000);
+  const utils::Deadline soon(1);
+  utils::Sleep(5);
+  EXPECT_EQ(soon.LeftMs(), 0);
+}
+
 TEST(ParseTime, ReadsUtcAndRejectsWhatDoesNotFitExactly) {
   const char* kFull = "%Y-%m-%d %H:%M:%S";
   struct Case {

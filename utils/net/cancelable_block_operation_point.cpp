@@ -4,9 +4,7 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdint>
 
 #include "utils/error.h"
 #include "utils/time.h"
@@ -20,28 +18,6 @@ bool SetNonBlocking(int descriptor) {
   const int flags = fcntl(descriptor, F_GETFL, 0);
   return flags != -1 && fcntl(descriptor, F_SETFL, flags | O_NONBLOCK) != -1;
 }
-
-// Tracks one overall deadline across the polls of a wait that EINTR or a
-// stolen wake-up byte interrupted.
-class PollTimer {
- public:
-  explicit PollTimer(int timeoutMs)
-      : timeoutMs_(timeoutMs),
-        deadline_(timeoutMs > 0 ? GetMonotonicTimeInMs() + timeoutMs : 0),
-        current_(timeoutMs < 0 ? -1 : timeoutMs) {}
-
-  int Current() const { return current_; }
-  void Recompute() {
-    if (timeoutMs_ > 0) {
-      current_ = static_cast<int>(std::max<int64_t>(0, deadline_ - GetMonotonicTimeInMs()));
-    }
-  }
-
- private:
-  int timeoutMs_;
-  int64_t deadline_;
-  int current_;
-};
 
 enum class PipeByte { kTaken, kNone, kBroken };
 
@@ -96,9 +72,10 @@ int CancelableBlockOperationPoint::WaitFor(int descriptor, OperationType_t type,
   }
   // The pipe comes first so that a cancellation wins over readiness.
   pollfd entries[2] = {{readEnd_, POLLIN, 0}, {descriptor, events, 0}};
-  PollTimer timer(timeoutMs);
+  // One deadline across the polls that EINTR or a stolen wake-up byte interrupt.
+  const Deadline deadline(timeoutMs);
   for (;;) {
-    const int ready = poll(entries, 2, timer.Current());
+    const int ready = poll(entries, 2, deadline.LeftMs());
     if (ready == 0) return WaitTimedOut;
     if (ready < 0) {
       if (errno != EINTR) return WaitFailed;
@@ -113,15 +90,14 @@ int CancelableBlockOperationPoint::WaitFor(int descriptor, OperationType_t type,
           break;
       }
     }
-    timer.Recompute();
   }
 }
 
 int CancelableBlockOperationPoint::Sleep(int ms) {
   pollfd entry = {readEnd_, POLLIN, 0};
-  PollTimer timer(ms);
+  const Deadline deadline(ms);
   for (;;) {
-    const int ready = poll(&entry, 1, timer.Current());
+    const int ready = poll(&entry, 1, deadline.LeftMs());
     if (ready == 0) return 0;
     if (ready < 0) {
       if (errno != EINTR) return 2;
@@ -135,7 +111,6 @@ int CancelableBlockOperationPoint::Sleep(int ms) {
           break;
       }
     }
-    timer.Recompute();
   }
 }
 

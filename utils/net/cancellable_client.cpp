@@ -1,6 +1,5 @@
 #include "utils/net/cancellable_client.h"
 
-#include <algorithm>
 #include <stdexcept>
 
 #include "utils/time.h"
@@ -14,16 +13,12 @@ using Error_t = AbstractCancellableClient::Error_t;
 // Calls transfer(offset, left, &moved, waitMs) until size bytes have moved.
 template <typename Transfer>
 Error_t TransferAll(size_t size, size_t* moved, int timeoutMs, Transfer transfer) {
-  const int64_t deadline = timeoutMs > 0 ? GetMonotonicTimeInMs() + timeoutMs : 0;
+  const Deadline deadline(timeoutMs);
   size_t done = 0;
   while (done < size) {
-    int waitMs = timeoutMs;
-    if (timeoutMs > 0) {
-      // A 0 left makes the next wait give up at once rather than block.
-      waitMs = static_cast<int>(std::max<int64_t>(0, deadline - GetMonotonicTimeInMs()));
-    }
     size_t count = 0;
-    const Error_t result = transfer(done, size - done, &count, waitMs);
+    // Once the deadline has passed, the next wait gives up at once rather than block.
+    const Error_t result = transfer(done, size - done, &count, deadline.LeftMs());
     if (result != AbstractCancellableClient::ErrorNone) {
       if (moved != nullptr) *moved = done;
       return result;

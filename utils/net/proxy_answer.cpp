@@ -9,9 +9,6 @@ namespace {
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
-constexpr uint8_t kSocks5AddressIPv4 = 0x01;
-constexpr uint8_t kSocks5AddressDomain = 0x03;
-constexpr uint8_t kSocks5AddressIPv6 = 0x04;
 constexpr uint8_t kSocks5ReplySucceeded = 0x00;
 
 // RFC 1929 (2) fixes the version of this reply at 1; some servers answer with

@@ -23,25 +23,7 @@ constexpr const char* kModule = "utils::ProxyTunnel";
 // SOCKS5 carries names and credentials with a one-byte length.
 constexpr size_t kSocks5MaxField = 255;
 constexpr uint8_t kSocks5CommandConnect = 0x01;
-constexpr uint8_t kSocks5AddressIPv4 = 0x01;
-constexpr uint8_t kSocks5AddressDomain = 0x03;
-constexpr uint8_t kSocks5AddressIPv6 = 0x04;
 constexpr uint8_t kSocks5UserPasswordVersion = 0x01;
-
-// One deadline over the whole handshake; non-positive time-outs pass through.
-class Deadline {
- public:
-  explicit Deadline(int timeoutMs)
-      : timeoutMs_(timeoutMs), end_(timeoutMs > 0 ? GetMonotonicTimeInMs() + timeoutMs : 0) {}
-  int LeftMs() const {
-    if (timeoutMs_ <= 0) return timeoutMs_;
-    return static_cast<int>(std::max<int64_t>(0, end_ - GetMonotonicTimeInMs()));
-  }
-
- private:
-  int timeoutMs_;
-  int64_t end_;
-};
 
 Error_t Refuse(std::string* error, const std::string& reason) {
   CORVANE_LOG(UtilsLogger(), zullog::SeverityError, kModule) << reason;
@@ -125,16 +107,16 @@ std::vector<uint8_t> Socks5ConnectRequest(const std::string& host, unsigned shor
   in6_addr address6;
   in_addr address4;
   if (InetPton(AF_INET, host.c_str(), &address4) == 1) {
-    request.push_back(kSocks5AddressIPv4);
+    request.push_back(impl::kSocks5AddressIPv4);
     const auto* bytes = reinterpret_cast<const uint8_t*>(&address4);
     request.insert(request.end(), bytes, bytes + sizeof(address4));
   } else if (InetPton(AF_INET6, host.c_str(), &address6) == 1) {
-    request.push_back(kSocks5AddressIPv6);
+    request.push_back(impl::kSocks5AddressIPv6);
     const auto* bytes = reinterpret_cast<const uint8_t*>(&address6);
     request.insert(request.end(), bytes, bytes + sizeof(address6));
   } else {
     // The proxy resolves names itself: the target may be unknown to our resolver.
-    request.push_back(kSocks5AddressDomain);
+    request.push_back(impl::kSocks5AddressDomain);
     AppendField(&request, host);
   }
   request.push_back(static_cast<uint8_t>(port >> 8));

@@ -73,6 +73,28 @@ int PlainResult(ssize_t count, size_t* done, int wouldBlockStatus) {
   return SocketStatusFailed;
 }
 
+// An SSL_read, SSL_peek or SSL_write, repeated while a signal interrupts it.
+template <typename Transfer>
+int RetryOnEintr(Transfer transfer) {
+  int result;
+  do {
+    errno = 0;
+    result = transfer();
+  } while (result <= 0 && errno == EINTR);
+  return result;
+}
+
+// The socket status of such a transfer's result.
+int SslTransferStatus(SSL* connection, int result, size_t* done) {
+  if (result > 0) {
+    if (done != nullptr) *done = static_cast<size_t>(result);
+    return SocketStatusDone;
+  }
+  const int error = SSL_get_error(connection, result);
+  ERR_clear_error();
+  return Socket::ConvertSslError(error);
+}
+
 }  // namespace
 
 struct Socket::SecureData {
@@ -210,18 +232,9 @@ int Socket::SecureSend(const void* data, size_t size, size_t* done) {
   int result;
   {
     SigpipeGuard guard;
-    do {
-      errno = 0;
-      result = SSL_write(connection, data, ClampToInt(size));
-    } while (result <= 0 && errno == EINTR);
+    result = RetryOnEintr([&] { return SSL_write(connection, data, ClampToInt(size)); });
   }
-  if (result > 0) {
-    if (done != nullptr) *done = static_cast<size_t>(result);
-    return SocketStatusDone;
-  }
-  const int error = SSL_get_error(connection, result);
-  ERR_clear_error();
-  return ConvertSslError(error);
+  return SslTransferStatus(connection, result, done);
 }
 
 // Reads are not guarded against SIGPIPE: a TLS 1.2/1.3 client read writes only
@@ -230,35 +243,15 @@ int Socket::SecureSend(const void* data, size_t size, size_t* done) {
 int Socket::SecureRecv(void* buffer, size_t size, size_t* done) {
   if (secure_ == nullptr) return SocketStatusFailed;
   SSL* connection = secure_->connection.get();
-  int result;
-  do {
-    errno = 0;
-    result = SSL_read(connection, buffer, ClampToInt(size));
-  } while (result <= 0 && errno == EINTR);
-  if (result > 0) {
-    if (done != nullptr) *done = static_cast<size_t>(result);
-    return SocketStatusDone;
-  }
-  const int error = SSL_get_error(connection, result);
-  ERR_clear_error();
-  return ConvertSslError(error);
+  return SslTransferStatus(
+      connection, RetryOnEintr([&] { return SSL_read(connection, buffer, ClampToInt(size)); }), done);
 }
 
 int Socket::SecurePeek(void* buffer, size_t size, size_t* done) {
   if (secure_ == nullptr) return SocketStatusFailed;
   SSL* connection = secure_->connection.get();
-  int result;
-  do {
-    errno = 0;
-    result = SSL_peek(connection, buffer, ClampToInt(size));
-  } while (result <= 0 && errno == EINTR);
-  if (result > 0) {
-    if (done != nullptr) *done = static_cast<size_t>(result);
-    return SocketStatusDone;
-  }
-  const int error = SSL_get_error(connection, result);
-  ERR_clear_error();
-  return ConvertSslError(error);
+  return SslTransferStatus(
+      connection, RetryOnEintr([&] { return SSL_peek(connection, buffer, ClampToInt(size)); }), done);
 }
 
 int Socket::InitializeSecureData(const char* host, bool verify, const tls::CertSettings& settings) {

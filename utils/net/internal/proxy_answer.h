@@ -39,6 +39,9 @@ constexpr uint8_t kSocks5Version = 5;
 constexpr uint8_t kSocks5MethodNoAuth = 0x00;
 constexpr uint8_t kSocks5MethodUserPassword = 0x02;
 constexpr uint8_t kSocks5MethodNoneAcceptable = 0xFF;
+constexpr uint8_t kSocks5AddressIPv4 = 0x01;
+constexpr uint8_t kSocks5AddressDomain = 0x03;
+constexpr uint8_t kSocks5AddressIPv6 = 0x04;
 
 enum Socks5Answer : int {
   Socks5Accepted = 0,

@@ -1,0 +1,294 @@
+// The script library "http": blocking HTTP requests from a table of options,
+// answered with a table of status, head and body. A thin adapter over
+// utils::PerformHttpRequest; a host thread may cancel a request through
+// lua::RunTime::Cancel.
+#include <algorithm>
+#include <climits>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+#include <lua.hpp>
+
+#include "lua/global_lib.h"
+#include "lua/libs/libs.h"
+#include "lua/object_ref.h"
+#include "lua/runtime.h"
+#include "lua/wrap_func.h"
+#include "utils/http/request.h"
+#include "utils/net/base_socket_client.h"
+#include "utils/net_proxy_info.h"
+#include "utils/noncopyable.h"
+#include "utils/url.h"
+
+namespace lua {
+
+namespace {
+
+using Args = std::vector<boost::shared_ptr<ObjectRef>>;
+using Rt = boost::shared_ptr<RunTime>;
+
+// The string form of the value at index (as tostring gives it); the stack is
+// left as it was, and a key under lua_next is not converted in place.
+std::string ToText(lua_State* L, int index) {
+  size_t length = 0;
+  const char* text = luaL_tolstring(L, index, &length);
+  std::string result(text, length);
+  lua_pop(L, 1);
+  return result;
+}
+
+// Field readers: a missing field gives the default, a field of another type
+// is a script error naming it.
+std::string StringField(const Rt& rt, int table, const char* name, const std::string& fallback) {
+  lua_State* L = rt->State();
+  RunTime::StackCleaner cleaner(rt);
+  const int type = lua_getfield(L, table, name);
+  if (type == LUA_TNIL) return fallback;
+  if (type != LUA_TSTRING && type != LUA_TNUMBER) {
+    rt->Error(std::string("Bad argument: \"") + name + "\" must be a string");
+  }
+  size_t length = 0;
+  const char* text = lua_tolstring(L, -1, &length);
+  return std::string(text, length);
+}
+
+long long IntegerField(const Rt& rt, int table, const char* name, long long fallback) {
+  lua_State* L = rt->State();
+  RunTime::StackCleaner cleaner(rt);
+  if (lua_getfield(L, table, name) == LUA_TNIL) return fallback;
+  int isInteger = 0;
+  const lua_Integer value = lua_tointegerx(L, -1, &isInteger);
+  if (!isInteger) rt->Error(std::string("Bad argument: \"") + name + "\" must be an integer");
+  return value;
+}
+
+bool BooleanField(const Rt& rt, int table, const char* name, bool fallback) {
+  lua_State* L = rt->State();
+  RunTime::StackCleaner cleaner(rt);
+  const int type = lua_getfield(L, table, name);
+  if (type == LUA_TNIL) return fallback;
+  if (type != LUA_TBOOLEAN) rt->Error(std::string("Bad argument: \"") + name + "\" must be a boolean");
+  return lua_toboolean(L, -1) != 0;
+}
+
+int ClampToInt(long long value) {
+  return static_cast<int>(std::max<long long>(INT_MIN, std::min<long long>(INT_MAX, value)));
+}
+
+// Each key names a header; a table value gives one header per element, in
+// iteration order. "Accept: */*" is added unless the table has "Accept".
+void ReadHeaders(const Rt& rt, int options, utils::StringPairList* headers) {
+  lua_State* L = rt->State();
+  RunTime::StackCleaner cleaner(rt);
+  rt->EnsureFreeStackSlots(10);
+  lua_pushnil(L);
+  while (lua_next(L, options) != 0) {  // [key, value]
+    const std::string name = ToText(L, -2);
+    if (lua_type(L, -1) == LUA_TTABLE) {
+      const int values = lua_gettop(L);
+      rt->EnsureFreeStackSlots(10);
+      lua_pushnil(L);
+      while (lua_next(L, values) != 0) {  // [key, value, index, element]
+        headers->AddValue(name, ToText(L, -1));
+        lua_pop(L, 1);
+      }
+    } else {
+      headers->AddValue(name, ToText(L, -1));
+    }
+    lua_pop(L, 1);
+  }
+  if (lua_getfield(L, options, "Accept") == LUA_TNIL) headers->AddValue("Accept", "*/*");
+}
+
+void ReadProxy(const Rt& rt, int proxy, utils::NetProxyInfo* info) {
+  info->host = StringField(rt, proxy, "host", "");
+  info->port = static_cast<unsigned short>(
+      std::max<long long>(0, std::min<long long>(65535, IntegerField(rt, proxy, "port", 0))));
+  info->login = StringField(rt, proxy, "login", "");
+  info->password = StringField(rt, proxy, "password", "");
+  const std::string protocol = StringField(rt, proxy, "protocol", "");
+  if (!protocol.empty() && !utils::NetProxyTypeFromString(protocol, &info->type)) {
+    rt->Error("Bad argument: unknown proxy protocol '" + protocol + "'");
+  }
+}
+
+struct Request {
+  std::string method;
+  std::string url;
+  utils::HttpRequestParams params;
+};
+
+void ReadOptions(const Rt& rt, const Args& args, Request* request) {
+  rt->CheckArgsCount(args, 1);
+  if (args[0]->Type() != LUA_TTABLE) rt->Error("Invalid param");
+  lua_State* L = rt->State();
+  const int table = args[0]->StackIndex();
+  request->method = StringField(rt, table, "method", "");
+  request->url = StringField(rt, table, "url", "");
+  utils::HttpRequestParams& params = request->params;
+  params.body = StringField(rt, table, "input", "");
+  params.timeoutMs = ClampToInt(IntegerField(rt, table, "timeout", -1));
+  const std::string user = StringField(rt, table, "username", "");
+  const std::string password = StringField(rt, table, "password", "");
+  if (!user.empty()) {
+    std::string withUser;
+    // A URL that cannot carry user info goes as it is and fails in the request.
+    if (utils::ModifyUrlUserInfo(request->url, utils::MakeUrlEscapedUserInfo(user, password), &withUser)) {
+      request->url = withUser;
+    }
+  }
+  if (!BooleanField(rt, table, "allowRedirect", true)) params.maxRedirects = 0;
+  if (BooleanField(rt, table, "frivolousSsl", false)) params.lenientTls = true;
+  RunTime::StackCleaner cleaner(rt);
+  rt->EnsureFreeStackSlots(10);
+  if (lua_getfield(L, table, "options") == LUA_TTABLE) ReadHeaders(rt, lua_gettop(L), &params.headers);
+  if (lua_getfield(L, table, "proxy") == LUA_TTABLE) ReadProxy(rt, lua_gettop(L), &params.proxy);
+}
+
+// Walks the head back to front, so a repeated header becomes an array in the
+// reverse of its wire order: scripts depend on that order.
+void PushHeaders(lua_State* L, const utils::StringPairList& headers) {
+  lua_createtable(L, 0, static_cast<int>(headers.Size()));
+  const int table = lua_gettop(L);
+  std::string name;
+  std::string value;
+  for (size_t i = headers.Size(); i-- > 0;) {
+    headers.Value(i, &name, &value);
+    const int type = lua_getfield(L, table, name.c_str());
+    if (type == LUA_TNIL) {
+      lua_pop(L, 1);
+      lua_pushlstring(L, value.data(), value.size());
+      lua_setfield(L, table, name.c_str());
+    } else if (type == LUA_TSTRING) {
+      lua_createtable(L, 2, 0);  // [existing, array]
+      lua_insert(L, -2);
+      lua_rawseti(L, -2, 1);
+      lua_pushlstring(L, value.data(), value.size());
+      lua_rawseti(L, -2, 2);
+      lua_setfield(L, table, name.c_str());
+    } else {
+      lua_pushlstring(L, value.data(), value.size());
+      lua_rawseti(L, -2, static_cast<lua_Integer>(lua_rawlen(L, -2)) + 1);
+      lua_pop(L, 1);
+    }
+  }
+}
+
+// A client per call would cost a pipe and four system calls, a fair share of
+// a small request, so each thread keeps one. A nested call (say, from a
+// logger that sends records over HTTP) makes its own.
+class ThreadClient : private utils::Noncopyable {
+ public:
+  ThreadClient() : owner_(!busy_) {
+    if (owner_) {
+      busy_ = true;
+    } else {
+      own_.reset(new utils::BaseSocketClient());
+    }
+  }
+  ~ThreadClient() {
+    if (owner_) busy_ = false;
+  }
+  utils::BaseSocketClient& Get() { return own_ ? *own_ : Shared(); }
+
+ private:
+  static utils::BaseSocketClient& Shared() {
+    thread_local utils::BaseSocketClient client;
+    return client;
+  }
+  static thread_local bool busy_;
+  bool owner_;
+  std::unique_ptr<utils::BaseSocketClient> own_;
+};
+
+thread_local bool ThreadClient::busy_ = false;
+
+int Perform(Rt& rt, const Request& request, const char* functionName) {
+  std::string output;
+  utils::HttpResponse response;
+  ThreadClient threadClient;
+  utils::BaseSocketClient& client = threadClient.Get();
+  // Set by the canceller under the runtime's cancel lock; read only once the
+  // wait is gone and no canceller can run any more.
+  bool woken = false;
+  bool cancelled = false;
+  int code;
+  {
+    RunTime::CancellableWait wait(rt->State(), [&client, &woken] {
+      client.Cancel();
+      woken = true;
+    });
+    code = wait.Cancelled() ? static_cast<int>(utils::HttpRequestCanceled)
+                            : utils::PerformHttpRequest(&client, request.method, request.url, request.params,
+                                                        &output, &response);
+    cancelled = wait.Cancelled();
+  }
+  // A wake-up that came too late for the request's waits is still in the
+  // client and would cancel the next call.
+  if (woken) client.Reset();
+  if (cancelled) rt->Error(std::string(functionName) + ": canceled by the host");
+  lua_State* L = rt->State();
+  rt->EnsureFreeStackSlots(10);
+  if (code < 1) {
+    lua_pushboolean(L, 0);
+    return 1;
+  }
+  lua_pushboolean(L, 1);
+  lua_createtable(L, 0, 5);
+  PushHeaders(L, response.Headers);
+  lua_setfield(L, -2, "options");
+  lua_pushinteger(L, code);
+  lua_setfield(L, -2, "code");
+  lua_pushlstring(L, response.StatusPhrase.data(), response.StatusPhrase.size());
+  lua_setfield(L, -2, "codeDescr");
+  lua_pushlstring(L, response.HttpVersion.data(), response.HttpVersion.size());
+  lua_setfield(L, -2, "httpVersion");
+  lua_pushlstring(L, output.data(), output.size());
+  lua_setfield(L, -2, "output");
+  return 2;
+}
+
+int PerformRequest(Rt& rt, const Args& args) {
+  Request request;
+  ReadOptions(rt, args, &request);
+  return Perform(rt, request, "http.performRequest");
+}
+
+int Get(Rt& rt, const Args& args) {
+  Request request;
+  ReadOptions(rt, args, &request);
+  request.method = "GET";
+  return Perform(rt, request, "http.get");
+}
+
+int Post(Rt& rt, const Args& args) {
+  Request request;
+  ReadOptions(rt, args, &request);
+  request.method = "POST";
+  if (!request.params.body.empty() && !request.params.headers.Value("Content-Type", nullptr, false, nullptr)) {
+    rt->Error("\"Content-Type\" option is empty");
+  }
+  return Perform(rt, request, "http.post");
+}
+
+const luaL_Reg kHttpLib[] = {
+    {"performRequest", WrapFunc<&PerformRequest>},
+    {"get", WrapFunc<&Get>},
+    {"post", WrapFunc<&Post>},
+};
+
+}  // namespace
+
+void RegisterHttpLib() {
+  // The registry only ever appends, so a second call would list every function twice.
+  static std::once_flag once;
+  std::call_once(once, [] {
+    GlobalLib lib("http", nullptr);
+    for (const luaL_Reg& function : kHttpLib) lib.AddFunc(function.name, function.func);
+  });
+}
+
+}  // namespace lua

@@ -1,0 +1,80 @@
+#include "http/support/http_peers.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <stdexcept>
+#include <thread>
+
+namespace httptest {
+
+namespace {
+
+const size_t kFileSizes[] = {0, 1024, 65536, 1000000, 20000000};
+
+}  // namespace
+
+PythonPeer::PythonPeer(const std::string& directory) {
+  const std::string ready = directory + "/python.port";
+  process_.reset(new nettest::ChildProcess(
+      {"python3", CORVANE_SOURCE_DIR "/tests/http/fixtures/http_peer.py", ready}, directory + "/python.log"));
+  // The peer renames the file into place only once it listens.
+  for (int i = 0; i < 1000 && access(ready.c_str(), F_OK) != 0; ++i) {
+    if (!process_->Running()) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  port_ = std::atoi(nettest::ReadFile(ready).c_str());
+  if (port_ <= 0) throw std::runtime_error("python peer did not start: " + nettest::ReadFile(directory + "/python.log"));
+}
+
+std::string PythonPeer::Url(const std::string& path) const {
+  return "http://127.0.0.1:" + std::to_string(port_) + path;
+}
+
+std::string NginxSite::FileContent(size_t size) {
+  std::string content(size, '\0');
+  for (size_t i = 0; i < size; ++i) content[i] = static_cast<char>('a' + (i * 7 + i / 251) % 26);
+  return content;
+}
+
+NginxSite::NginxSite(const std::string& directory) {
+  const std::string root = directory + "/www";
+  mkdir(root.c_str(), 0755);
+  mkdir((root + "/files").c_str(), 0755);
+  mkdir((root + "/private").c_str(), 0755);
+  for (size_t size : kFileSizes) nettest::WriteFile(root + "/files/" + std::to_string(size), FileContent(size));
+  nettest::WriteFile(root + "/private/secret", "for bob\n");
+  nettest::WriteFile(directory + "/htpasswd", "bob:{PLAIN}pw\n");
+
+  nettest::CertFactory factory(directory);
+  const nettest::KeyPair ca = factory.CreateCa("ca");
+  const nettest::KeyPair leaf = factory.Issue("leaf", ca, "localhost", "DNS:localhost");
+  setenv("CORVANE_OPENSSL_CA_FILE", ca.certificate.c_str(), 1);
+
+  std::string extra = "    root " + root + ";\n" +
+                            "    location /private/ { auth_basic \"corvane\"; auth_basic_user_file " +
+                            directory + "/htpasswd; }\n" +
+                            "    location /moved/ { return 404; }\n";
+  for (const char* code : {"301", "302", "303", "307", "308"}) {
+    extra += std::string("    location = /moved/") + code + " { return " + code + " /files/1024; }\n";
+  }
+  nettest::Nginx::Server plain;
+  plain.extra = extra;
+  nettest::Nginx::Server secure;
+  secure.certificate = leaf.certificate;
+  secure.key = leaf.key;
+  secure.extra = extra;
+  nginx_.reset(new nettest::Nginx(directory, {plain, secure}));
+}
+
+std::string NginxSite::HttpUrl(const std::string& path) const {
+  return "http://127.0.0.1:" + std::to_string(HttpPort()) + path;
+}
+
+std::string NginxSite::HttpsUrl(const std::string& host, const std::string& path) const {
+  return "https://" + host + ":" + std::to_string(HttpsPort()) + path;
+}
+
+}  // namespace httptest

@@ -1,0 +1,45 @@
+// Real servers for the HTTP client tests, on 127.0.0.1 and free ports: nginx
+// with static files, HTTPS, redirects and Basic auth; the scripted Python
+// peer (fixtures/http_peer.py); tinyproxy in front of them.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "net/support/certs.h"
+#include "net/support/peers.h"
+
+namespace httptest {
+
+// The scripted peer; it writes its port into a file once it listens.
+class PythonPeer {
+ public:
+  explicit PythonPeer(const std::string& directory);
+  int Port() const { return port_; }
+  std::string Url(const std::string& path) const;
+
+ private:
+  int port_ = 0;
+  std::unique_ptr<nettest::ChildProcess> process_;
+};
+
+// nginx serving /files/<n> (n bytes of a repeating pattern, for the sizes in
+// FileSizes), /private/ behind Basic auth (user "bob", password "pw"),
+// /moved/<code> redirecting to /files/1024, on plain HTTP and on HTTPS with a
+// certificate for "localhost" only, whose authority is trusted through
+// CORVANE_OPENSSL_CA_FILE.
+class NginxSite {
+ public:
+  explicit NginxSite(const std::string& directory);
+  int HttpPort() const { return nginx_->Port(0); }
+  int HttpsPort() const { return nginx_->Port(1); }
+  std::string HttpUrl(const std::string& path) const;
+  std::string HttpsUrl(const std::string& host, const std::string& path) const;
+  // The content of /files/<size>.
+  static std::string FileContent(size_t size);
+
+ private:
+  std::unique_ptr<nettest::Nginx> nginx_;
+};
+
+}  // namespace httptest

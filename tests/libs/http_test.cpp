@@ -1,0 +1,150 @@
+// The http script library through the real runtime, against the scripted
+// Python peer, nginx and tinyproxy.
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "http/support/http_peers.h"
+#include "lua/libs/libs.h"
+#include "lua/object_ref.h"
+#include "lua/runtime.h"
+
+namespace {
+
+class HttpLib : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    lua::RegisterHttpLib();
+    dir_ = new nettest::TempDir;
+    site_ = new httptest::NginxSite(dir_->Path());
+    peer_ = new httptest::PythonPeer(dir_->Path());
+  }
+  static void TearDownTestSuite() {
+    delete peer_;
+    delete site_;
+    delete dir_;
+  }
+  void SetUp() override { rt_ = lua::RunTime::Create(); }
+
+  // Runs the script with PEER and NGINX replaced by the servers' base URLs;
+  // returns its first result as text, or the error text.
+  std::string Run(std::string code) {
+    for (auto [name, base] : {std::pair<std::string, std::string>{"PEER", peer_->Url("")},
+                              {"NGINX", site_->HttpUrl("")},
+                              {"SECURE", site_->HttpsUrl("127.0.0.1", "")}}) {
+      for (size_t at; (at = code.find(name)) != std::string::npos;) code.replace(at, name.size(), base);
+    }
+    const int top = rt_->StackTopIndex();
+    std::string result;
+    try {
+      lua::RunTime::StackCleaner cleaner(rt_);
+      auto results = rt_->RunString(code, false);
+      result = results.empty() ? "<none>" : results.front()->AsString();
+    } catch (const lua::RunTimeError& e) {
+      result = e.what();
+    }
+    EXPECT_EQ(rt_->StackTopIndex(), top);
+    return result;
+  }
+
+  // The error a call raises, as a script's pcall sees it.
+  std::string Raised(const std::string& function, const std::string& arguments) {
+    return Run("local ok, e = pcall(" + function + (arguments.empty() ? "" : ", ") + arguments +
+               ") return tostring(ok) .. ': ' .. tostring(e)");
+  }
+
+  static nettest::TempDir* dir_;
+  static httptest::NginxSite* site_;
+  static httptest::PythonPeer* peer_;
+  boost::shared_ptr<lua::RunTime> rt_;
+};
+
+nettest::TempDir* HttpLib::dir_;
+httptest::NginxSite* HttpLib::site_;
+httptest::PythonPeer* HttpLib::peer_;
+
+// Each script returns the echoed request, so the checks see what was sent.
+TEST_F(HttpLib, AcceptDefaultOnlyWhenOptionsIsATable) {
+  const char* sent = "local ok, r = http.get(%s) assert(ok) return r.output";
+  auto request = [&](const std::string& options) {
+    char code[512];
+    snprintf(code, sizeof(code), sent, options.c_str());
+    return Run(code);
+  };
+  EXPECT_EQ(request("{url = 'PEER/echo'}").find("Accept"), std::string::npos);
+  EXPECT_EQ(request("{url = 'PEER/echo', options = 'text/html'}").find("Accept"), std::string::npos);
+  EXPECT_NE(request("{url = 'PEER/echo', options = {}}").find("\r\nAccept: */*\r\n"), std::string::npos);
+  const std::string own = request("{url = 'PEER/echo', options = {Accept = 'text/html'}}");
+  EXPECT_NE(own.find("\r\nAccept: text/html\r\n"), std::string::npos);
+  EXPECT_EQ(own.find("*/*"), std::string::npos);
+  // The rule looks for the key "Accept" exactly; another spelling gets the default too.
+  const std::string lower = request("{url = 'PEER/echo', options = {accept = 'a/b'}}");
+  EXPECT_NE(lower.find("accept: a/b\r\n"), std::string::npos);
+  EXPECT_NE(lower.find("Accept: */*\r\n"), std::string::npos);
+  const std::string many = request("{url = 'PEER/echo', options = {['X-Two'] = {'1', '2'}, ['X-Num'] = 5}}");
+  EXPECT_NE(many.find("X-Two: 1\r\nX-Two: 2\r\n"), std::string::npos) << many;
+  EXPECT_NE(many.find("X-Num: 5\r\n"), std::string::npos);
+}
+
+TEST_F(HttpLib, ResultTableHasStatusHeadAndBody) {
+  EXPECT_EQ(Run("local ok, r = http.get{url = 'PEER/duplicate-headers'}\n"
+                "return table.concat({tostring(ok), r.code, r.codeDescr, r.httpVersion, r.output,\n"
+                "  r.options['X-Dup'][1], r.options['X-Dup'][2], #r.options['X-Dup'], r.options['X-Once']}, ',')"),
+            "true,200,OK,1.1,dup,b,a,2,1");
+  EXPECT_EQ(Run("local ok, r = http.performRequest{method = 'GET', url = 'NGINX/nothing'} return r.code"), "404");
+  EXPECT_EQ(Run("local ok, r = http.get{url = 'NGINX/files/1000000'} return #r.output"), "1000000");
+  EXPECT_EQ(Run("local ok, r = http.get{url = 'PEER/redirect?302&/echo', allowRedirect = false}\n"
+                "return r.code .. ' ' .. r.options.Location"),
+            "302 /echo");
+  EXPECT_EQ(Run("return http.performRequest{method = 'HEAD', url = 'NGINX/files/1024'}"), "true");
+}
+
+TEST_F(HttpLib, PostNeedsContentTypeOnlyWithABody) {
+  EXPECT_EQ(Raised("http.post", "{url = 'PEER/echo', input = 'x'}"), "false: \"Content-Type\" option is empty");
+  EXPECT_EQ(Raised("http.post", "{url = 'PEER/echo', input = 'x', options = {['content-type'] = 't/p'}}"),
+            "false: \"Content-Type\" option is empty");  // the presence test is case-sensitive
+  EXPECT_EQ(Run("local ok, r = http.post{url = 'PEER/echo', method = 'PUT'} return r.output:sub(1, 10)"),
+            "POST /echo");
+  const std::string sent =
+      Run("local ok, r = http.post{url = 'PEER/echo', input = 'a=1', options = {['Content-Type'] = 't/p'}}\n"
+          "return r.output");
+  EXPECT_NE(sent.find("Content-Type: t/p\r\n"), std::string::npos);
+  EXPECT_EQ(sent.substr(sent.size() - 7), "\r\n\r\na=1");
+}
+
+TEST_F(HttpLib, CredentialsNeedAUserName) {
+  EXPECT_EQ(Run("local ok, r = http.get{url = 'PEER/echo', password = 'pw'} return r.output")
+                .find("Authorization"),
+            std::string::npos);
+  EXPECT_NE(Run("local ok, r = http.get{url = 'PEER/echo', username = 'bob', password = 'pw'} return r.output")
+                .find("Authorization: Basic Ym9iOnB3\r\n"),
+            std::string::npos);
+  EXPECT_EQ(Run("local ok, r = http.get{url = 'PEER/digest', username = 'alice', password = 'secret'}\n"
+                "return r.output"),
+            "digest ok");
+}
+
+TEST_F(HttpLib, TransportFailuresGiveFalseAndBadArgumentsRaise) {
+  const std::string closed = "http://127.0.0.1:" + std::to_string(nettest::FreePort(2)) + "/";
+  EXPECT_EQ(Run("return select('#', http.get{url = '" + closed + "'}) .. tostring(http.get{url = '" + closed + "'})"),
+            "1false");
+  EXPECT_EQ(Run("return http.get{url = 'PEER/slow-head', timeout = 300}"), "false");
+  EXPECT_EQ(Run("return http.get{url = 'SECURE/files/1024'}"), "false");
+  EXPECT_EQ(Run("local ok, r = http.get{url = 'SECURE/files/1024', frivolousSsl = true} return #r.output"), "1024");
+  EXPECT_EQ(Raised("http.get", "'PEER/echo'"), "false: Invalid param");
+  EXPECT_EQ(Raised("http.get", ""), "false: expected 1 args");
+  EXPECT_EQ(Raised("http.post", "{}, {}"), "false: expected 1 args");
+  EXPECT_EQ(Raised("http.get", "{url = 'PEER/echo', timeout = 'soon'}"),
+            "false: Bad argument: \"timeout\" must be an integer");
+}
+
+TEST_F(HttpLib, ProxyTableIsHonoured) {
+  nettest::Tinyproxy proxy(dir_->Path(), {site_->HttpsPort()});
+  EXPECT_EQ(Run("local ok, r = http.get{url = 'NGINX/files/65536', proxy = {host = '127.0.0.1', port = " +
+                std::to_string(proxy.Port()) + ", protocol = 'http'}} return #r.output"),
+            "65536");
+  EXPECT_EQ(Raised("http.get", "{url = 'NGINX/files/1024', proxy = {host = '127.0.0.1', protocol = 'gopher'}}"),
+            "false: Bad argument: unknown proxy protocol 'gopher'");
+}
+
+}  // namespace

@@ -1,0 +1,66 @@
+// utils::PerformHttpRequest: one HTTP/1.1 exchange over a fresh connection,
+// with TLS, redirects, Basic and Digest authentication, cookies kept for the
+// call's own hops, HTTP and SOCKS5 proxies, one time-out for everything, and
+// named caps on what the peer may make us store.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "utils/http/response.h"
+#include "utils/net/address_info.h"
+#include "utils/net/base_socket_client.h"
+#include "utils/net_proxy_info.h"
+#include "utils/string_pair_list.h"
+
+namespace utils {
+
+// A response head larger than this fails the request.
+constexpr size_t kMaxHeadBytes = 64 * 1024;
+constexpr size_t kDefaultMaxBodyBytes = size_t{256} << 20;
+
+// What PerformHttpRequest returns instead of a status code.
+enum HttpRequestError : int {
+  HttpRequestFailed = -1,  // bad URL, connection, TLS, proxy or protocol failure
+  HttpRequestTimedOut = -2,
+  HttpRequestCanceled = -3,
+  HttpRequestTooLarge = -4,  // head above kMaxHeadBytes or body above maxBodyBytes
+};
+
+struct HttpRequestParams {
+  // The whole exchange, redirects included: positive is a limit in
+  // milliseconds, 0 gives up at the first wait, negative waits without limit.
+  int timeoutMs = -1;
+  // Redirects followed before a 3xx is returned as it is; 0 follows none.
+  int maxRedirects = 4;
+  // Verify neither the certificate chain nor the host name.
+  bool lenientTls = false;
+  // Empty sends no User-Agent.
+  std::string userAgent = "corvane-http/1";
+  // Sent in order after ours. A name we would send ourselves (Host,
+  // User-Agent, Authorization, Connection) replaces ours; Content-Length and
+  // Transfer-Encoding are ours alone, since the framing depends on them.
+  StringPairList headers;
+  NetProxyInfo proxy;
+  std::string body;
+  ConnectionMode connectionMode = ConnectionModeAuto;
+  size_t maxBodyBytes = kDefaultMaxBodyBytes;
+};
+
+// Performs method on url ("http" or "https"; user info becomes Basic
+// credentials, sent only to the URL's own host). Returns the final status
+// code with its body in *output and its head in *response (either may be
+// null), or an HttpRequestError. Blocks the calling thread.
+int PerformHttpRequest(const std::string& method, const std::string& url,
+                       const HttpRequestParams& params, std::string* output,
+                       HttpResponse* response);
+
+// The same on a client the caller owns, so that another thread may Cancel it
+// (the call then returns HttpRequestCanceled). The client must not be
+// connected; it is closed again when the call returns. A Cancel that arrives
+// while nothing waits cancels the call's next wait.
+int PerformHttpRequest(BaseSocketClient* client, const std::string& method, const std::string& url,
+                       const HttpRequestParams& params, std::string* output,
+                       HttpResponse* response);
+
+}  // namespace utils

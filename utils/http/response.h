@@ -1,0 +1,28 @@
+// utils::HttpResponse, the head of one HTTP/1.x response, and the parser that
+// fills it from the bytes of a head.
+#pragma once
+
+#include <string>
+
+#include "utils/string_pair_list.h"
+
+namespace utils {
+
+// A plain value.
+struct HttpResponse {
+  int StatusCode = 0;
+  std::string StatusPhrase;
+  std::string HttpVersion;  // "1.1", "1.0": the digits of the status line
+  StringPairList Headers;   // in wire order, names as sent, repeats kept
+
+  void Clear();
+};
+
+// Parses [begin, end), a whole head as ExtractHttpResponseRequestHeader cuts
+// it. The status line must be "HTTP/d.d ddd[ reason]"; header lines without a
+// colon are skipped and folded continuation lines join the previous value with
+// one blank (RFC 9112, section 5.2). Values lose surrounding blanks and tabs.
+// False, with *response cleared, for a malformed status line.
+bool ParseHttpResponseHead(const char* begin, const char* end, HttpResponse* response);
+
+}  // namespace utils
