@@ -13,20 +13,25 @@ local concat = table.concat
 local XML_NAMESPACE = "http://www.w3.org/XML/1998/namespace"
 
 local NAME = "[%a_][%w_%.%-]*"
-local OPEN_TAG = "^<(" .. NAME .. ")"
-local PREFIXED_REST = "^:(" .. NAME .. ")"
-local CLOSE_TAG = "^</(" .. NAME .. ")%s*>"
+-- A tag with neither prefix nor attributes, opening, empty or closing. The
+-- position capture stands before the "/" of an empty-element tag.
+local PLAIN_TAG = "^<(/?)(" .. NAME .. ")%s*()/?>"
+local OPEN_TAG = "^<(" .. NAME .. ")(:?)"
+local LOCAL_NAME = "^(" .. NAME .. ")"
 local PREFIXED_CLOSE_TAG = "^</(" .. NAME .. "):(" .. NAME .. ")%s*>"
 local PI_HEAD = "^<%?([%a_:][%w_%.%-:]*) ?"
 local COMMENT_HEAD = "^<!%-%-"
 local CDATA_HEAD = "^<!%[CDATA%["
+-- Most attributes have a name without prefix and a value that holds neither
+-- quote character: one search reads them. The general patterns below take
+-- the rest; their values end at the first quote like the opening one.
+local PLAIN_ATTRIBUTE = "^%s+(" .. NAME .. ")%s*=%s*([\"'])([^<\"']*)%2"
 local ATTRIBUTE_NAME = "[%a_:][%w_%.%-:]*"
 local QUOTED_ATTRIBUTE = "^%s+(" .. ATTRIBUTE_NAME .. ")%s*=%s*\"([^<\"]*)\""
 local APOSTROPHED_ATTRIBUTE = "^%s+(" .. ATTRIBUTE_NAME .. ")%s*=%s*'([^<']*)'"
-local TAG_END = "^%s*(/?)>"
-local SIMPLE_TAG = "^<(" .. NAME .. ")%s*(/?)>"
+local TAG_END = "^%s*()/?>"
 
-local QUESTION, BANG, SLASH, COLON = byte("?!/:", 1, 4)
+local QUESTION, BANG, SLASH = byte("?!/", 1, 3)
 
 ---------------------------------------------------------------------------
 -- Entities
@@ -119,8 +124,8 @@ local function parseSax(content, callbacks, options)
   local foundElement = false
 
   -- Namespace scopes, one per open element. defaults[d] is the default
-  -- namespace in force at depth d (false once undeclared by xmlns="");
-  -- prefixes[d] maps the prefixes declared at d, or is false.
+  -- namespace in force at depth d (nil when none); prefixes[d] maps the
+  -- prefixes declared at d, or is false.
   local depth = 0
   local defaults, prefixes = {}, {}
 
@@ -158,11 +163,12 @@ local function parseSax(content, callbacks, options)
     return first, last
   end
 
-  -- The next "&" of the input: most texts hold no reference, and this
-  -- tells so without searching each of them.
+  -- The next "&" of the input: most texts and values hold no reference, and
+  -- this tells so without searching each of them.
   local nextAmpersand = 0
 
-  -- Reports the text since the last construct, which ends before upTo.
+  -- Reports the text since the last construct, which ends before upTo. The
+  -- main loop has its own copy for plain tags.
   local function flushText(upTo)
     if upTo <= textStart or not onText then
       return
@@ -183,33 +189,35 @@ local function parseSax(content, callbacks, options)
     onText(text)
   end
 
-  local function addAttribute(name, value)
-    local prefix
-    if name == "xmlns" then
-      defaults[depth] = value ~= "" and value
-    else
-      local colon = find(name, ":", 1, true)
-      if colon then
-        prefix = sub(name, 1, colon - 1)
-        if prefix == "xmlns" then
-          -- Declarations keep their full name and report no prefix.
-          local declared = prefixes[depth] or {}
-          declared[sub(name, colon + 1)] = value
-          prefixes[depth] = declared
-          prefix = nil
-        else
-          name = sub(name, colon + 1)
-        end
-      end
+  -- Keeps an attribute for the tag end; declarations take effect at once.
+  -- The prefix is false for a name without one; the value's closing quote
+  -- is at quoteAt.
+  local function addAttribute(name, value, prefix, quoteAt)
+    local valueStart = quoteAt - #value
+    if nextAmpersand < valueStart then
+      nextAmpersand = find(content, "&", valueStart, true) or length + 1
+    end
+    if nextAmpersand < quoteAt then
+      value = unescape(value)
+    end
+    if prefix == "xmlns" then
+      -- Declarations keep their full name and report no prefix.
+      local declared = prefixes[depth] or {}
+      declared[name] = value
+      prefixes[depth] = declared
+      name, prefix = "xmlns:" .. name, false
+    elseif name == "xmlns" and not prefix then
+      defaults[depth] = value ~= "" and value or nil
     end
     attributeCount = attributeCount + 1
     attributeNames[attributeCount] = name
     attributeValues[attributeCount] = value
-    attributePrefixes[attributeCount] = prefix or false
+    attributePrefixes[attributeCount] = prefix
   end
 
-  local function endTag(isEmpty)
-    local namespace = defaults[depth] or nil
+  -- Reports the opening tag that has just been read whole.
+  local function reportTag(isEmpty)
+    local namespace = defaults[depth]
     if tagPrefix then
       namespace = resolve(tagPrefix)
     end
@@ -231,8 +239,78 @@ local function parseSax(content, callbacks, options)
     end
   end
 
+  -- Reads the attributes up to the tag end: the parser's "attributes" state.
+  -- Like the main loop it stops before the last character.
+  local function attributesAndTagEnd(pos)
+    while pos < length do
+      local _, last, name, _, value = find(content, PLAIN_ATTRIBUTE, pos)
+      local prefix = false
+      if not last then
+        local _, tagEnd, slashAt = find(content, TAG_END, pos)
+        if tagEnd then
+          reportTag(tagEnd > slashAt)
+          return tagEnd + 1
+        end
+        _, last, name, value = find(content, QUOTED_ATTRIBUTE, pos)
+        if not last then
+          _, last, name, value = find(content, APOSTROPHED_ATTRIBUTE, pos)
+        end
+        if not last then
+          error("Was in an element and couldn't find attributes or the close.")
+        end
+        local colon = find(name, ":", 1, true)
+        if colon then
+          prefix, name = sub(name, 1, colon - 1), sub(name, colon + 1)
+        end
+      end
+      addAttribute(name, value, prefix, last)
+      pos = last + 1
+    end
+    return pos
+  end
+
   -- The construct readers get the position of "<" and return the position
   -- after the construct, or nil when the construct is not there.
+
+  local function openingTag(at)
+    local _, last, name, colon = find(content, OPEN_TAG, at)
+    if not last then
+      return nil
+    end
+    local prefix
+    if colon ~= "" then
+      -- "<p:n" names n in namespace p; a colon without a name after it is
+      -- left to the attributes state.
+      local _, localLast, localName = find(content, LOCAL_NAME, last + 1)
+      if localLast then
+        prefix, name, last = name, localName, localLast
+      else
+        last = last - 1
+      end
+    end
+    flushText(at)
+    foundElement = true
+    depth = depth + 1
+    defaults[depth], prefixes[depth] = defaults[depth - 1], false
+    tagName, tagPrefix, attributeCount = name, prefix, 0
+    return attributesAndTagEnd(last + 1)
+  end
+
+  local function prefixedClosingTag(at)
+    local _, last, prefix, name = find(content, PREFIXED_CLOSE_TAG, at)
+    if not last then
+      return nil
+    end
+    flushText(at)
+    local namespace = resolve(prefix)
+    if depth > 0 then
+      depth = depth - 1
+    end
+    if onClose then
+      onClose(name, namespace)
+    end
+    return last + 1
+  end
 
   local function processingInstruction(at)
     local _, headEnd, target = find(content, PI_HEAD, at)
@@ -272,99 +350,16 @@ local function parseSax(content, callbacks, options)
     return last + 1
   end
 
-  local function closingTag(at)
-    local prefix
-    local _, last, name = find(content, CLOSE_TAG, at)
-    if not last then
-      _, last, prefix, name = find(content, PREFIXED_CLOSE_TAG, at)
-      if not last then
-        return nil
-      end
+  -- Constructs other than tags, told apart by the character after "<".
+  local function otherConstruct(at)
+    local marker = byte(content, at + 1)
+    if marker == SLASH then
+      return prefixedClosingTag(at)
+    elseif marker == QUESTION then
+      return processingInstruction(at)
+    elseif marker == BANG then
+      return commentOrCdata(at)
     end
-    flushText(at)
-    local namespace = defaults[depth] or nil
-    if prefix then
-      namespace = resolve(prefix)
-    end
-    -- Tags are not matched here, so a stray closing tag must not make the
-    -- depth negative.
-    if depth > 0 then
-      depth = depth - 1
-    end
-    if onClose then
-      onClose(name, namespace)
-    end
-    return last + 1
-  end
-
-  -- Reads the attributes up to the tag end: the parser's "attributes" state.
-  -- Like the main loop it stops before the last character.
-  local function attributesAndTagEnd(pos)
-    while pos < length do
-      local _, last, name, value = find(content, QUOTED_ATTRIBUTE, pos)
-      if not last then
-        _, last, name, value = find(content, APOSTROPHED_ATTRIBUTE, pos)
-      end
-      if last then
-        if find(value, "&", 1, true) then
-          value = unescape(value)
-        end
-        addAttribute(name, value)
-        pos = last + 1
-      else
-        local slash
-        _, last, slash = find(content, TAG_END, pos)
-        if not last then
-          error("Was in an element and couldn't find attributes or the close.")
-        end
-        endTag(slash == "/")
-        return last + 1
-      end
-    end
-    return pos
-  end
-
-  local function openingTag(at)
-    -- Most tags have neither attributes nor a prefix and are read whole by
-    -- one search. A tag that ends the input is left to the general path,
-    -- whose attributes state may stop before the tag end.
-    local _, last, name, slash = find(content, SIMPLE_TAG, at)
-    if last and last < length then
-      flushText(at)
-      foundElement = true
-      -- Without attributes the element declares nothing: it takes the
-      -- enclosing default namespace, and when empty needs no scope at all.
-      local namespace = defaults[depth] or nil
-      if onStart then
-        onStart(name, namespace)
-      end
-      if slash == "/" then
-        if onClose then
-          onClose(name, namespace)
-        end
-      else
-        depth = depth + 1
-        defaults[depth], prefixes[depth] = defaults[depth - 1], false
-      end
-      return last + 1
-    end
-    _, last, name = find(content, OPEN_TAG, at)
-    if not last then
-      return nil
-    end
-    local prefix
-    if byte(content, last + 1) == COLON then
-      local _, prefixedLast, localName = find(content, PREFIXED_REST, last + 1)
-      if prefixedLast then
-        prefix, name, last = name, localName, prefixedLast
-      end
-    end
-    flushText(at)
-    foundElement = true
-    depth = depth + 1
-    defaults[depth], prefixes[depth] = defaults[depth - 1], false
-    tagName, tagPrefix, attributeCount = name, prefix, 0
-    return attributesAndTagEnd(last + 1)
   end
 
   -- The "text" state. The last character never starts a construct: the loop
@@ -375,17 +370,60 @@ local function parseSax(content, callbacks, options)
     if not at or at >= length then
       break
     end
-    -- The character after "<" tells the constructs apart.
-    local marker = byte(content, at + 1)
+    local _, last, slash, name, slashAt = find(content, PLAIN_TAG, at)
     local after
-    if marker == SLASH then
-      after = closingTag(at)
-    elseif marker == QUESTION then
-      after = processingInstruction(at)
-    elseif marker == BANG then
-      after = commentOrCdata(at)
-    else
-      after = openingTag(at)
+    if not last or slash == "" and last == length then
+      -- Tags with attributes or a prefix come next in frequency. An opening
+      -- tag that ends the input goes this way too: its attributes state
+      -- stops before the tag end.
+      after = openingTag(at) or otherConstruct(at)
+    elseif slash == "" or last == slashAt then -- "</a/>" is nothing known
+      -- Plain tags, by far the most common construct, are handled here
+      -- without a call of our own: at one per tag, a call shows in the
+      -- parser's speed. First the text before the tag, as flushText
+      -- reports it.
+      if at > textStart and onText then
+        local text = sub(content, textStart, at - 1)
+        if stripWhitespace then
+          text = trim(text)
+        end
+        if text ~= "" then
+          if nextAmpersand < textStart then
+            nextAmpersand = find(content, "&", textStart, true) or length + 1
+          end
+          if nextAmpersand < at then
+            text = unescape(text)
+          end
+          onText(text)
+        end
+      end
+      -- Without attributes a tag declares nothing: it takes the enclosing
+      -- default namespace, and when empty needs no scope at all.
+      local namespace = defaults[depth]
+      if slash == "/" then
+        -- Tags are not matched here, so a stray closing tag must not make
+        -- the depth negative.
+        if depth > 0 then
+          depth = depth - 1
+        end
+        if onClose then
+          onClose(name, namespace)
+        end
+      else
+        foundElement = true
+        if onStart then
+          onStart(name, namespace)
+        end
+        if last > slashAt then
+          if onClose then
+            onClose(name, namespace)
+          end
+        else
+          depth = depth + 1
+          defaults[depth], prefixes[depth] = defaults[depth - 1], false
+        end
+      end
+      after = last + 1
     end
     if after then
       pos = after
