@@ -5,39 +5,23 @@
 #include <utility>
 #include <vector>
 
-#include <boost/shared_ptr.hpp>
-#include <gtest/gtest.h>
-#include <lua.hpp>
 #include <openssl/evp.h>
 
 #include "lua/libs/libs.h"
-#include "lua/object_ref.h"
-#include "lua/runtime.h"
+#include "lua/script_test_util.h"
 
 namespace {
 
-class Base64Lib : public ::testing::Test {
+using Cases = std::vector<std::pair<std::string, std::string>>;
+
+class Base64Lib : public lua_test::ScriptTest {
  protected:
   static void SetUpTestSuite() { lua::RegisterBase64Lib(); }
-  void TearDown() override { EXPECT_TRUE(rt_->IsStackEmpty()); }
-
-  // The chunk's results joined by " | ".
-  std::string Eval(const std::string& code) {
-    lua::RunTime::StackCleaner cleaner(rt_);
-    std::string text;
-    for (const auto& result : rt_->RunString(code, false)) {
-      text += (text.empty() ? "" : " | ") + result->AsString();
-    }
-    return text;
-  }
-
-  boost::shared_ptr<lua::RunTime> rt_ = lua::RunTime::Create();
 };
 
 TEST_F(Base64Lib, Rfc4648VectorsAndByteArrays) {
-  for (const auto& v : std::vector<std::pair<std::string, std::string>>{
-           {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="},
-           {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}}) {
+  for (const auto& v : Cases{{"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="},
+                             {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}}) {
     EXPECT_EQ(Eval("return base64.encode('" + v.first + "'), base64.decode('" + v.second + "')"),
               v.second + " | " + v.first);
   }
@@ -47,9 +31,6 @@ TEST_F(Base64Lib, Rfc4648VectorsAndByteArrays) {
   EXPECT_EQ(Eval("return base64.encode({72, 105}), base64.encode({256, -1, 511})"), "SGk= | AP//");
   EXPECT_EQ(Eval("local t = base64.decode('AP//', true) return #t, t[1], t[3], math.type(t[1])"),
             "3 | 0 | 255 | integer");
-}
-
-TEST_F(Base64Lib, StrictDecodingAnswersNil) {
   for (const char* text : {"SGk*", "S", "SGk=SGk=", "SGk =", "SG\\nk=", "====", "SGk==="}) {
     EXPECT_EQ(Eval(std::string("return base64.decode('") + text + "'), base64.decode('" + text + "', true)"),
               "nil | nil")
@@ -65,9 +46,9 @@ TEST_F(Base64Lib, AgreesWithOpenSslOnRandomBytes) {
     std::string bytes(size, '\0');
     for (char& c : bytes) c = static_cast<char>(rng());
     std::string expected(4 * ((size + 2) / 3) + 1, '\0');
-    expected.resize(static_cast<size_t>(EVP_EncodeBlock(
-        reinterpret_cast<unsigned char*>(&expected[0]),
-        reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(size))));
+    expected.resize(static_cast<size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&expected[0]),
+                                                        reinterpret_cast<const unsigned char*>(bytes.data()),
+                                                        static_cast<int>(size))));
     {
       lua::RunTime::StackCleaner cleaner(rt_);
       lua_pushlstring(rt_->State(), bytes.data(), bytes.size());
@@ -81,16 +62,14 @@ TEST_F(Base64Lib, AgreesWithOpenSslOnRandomBytes) {
               "true | true | true")
         << size;
   }
-}
-
-TEST_F(Base64Lib, LongByteArraysDoNotExhaustTheStack) {
+  // Long byte arrays must not exhaust the script stack.
   EXPECT_EQ(Eval("local t = {} for i = 1, 1100000 do t[i] = i end "
                  "local s = base64.encode(t) return #s, #base64.decode(s, true)"),
             "1466668 | 1100000");
 }
 
 TEST_F(Base64Lib, ArgumentErrorsUseTheirExactTexts) {
-  for (const auto& c : std::vector<std::pair<std::string, std::string>>{
+  for (const auto& c : Cases{
            {"base64.encode", "expected 1 args"},
            {"base64.encode, 'a', 'b'", "expected 1 args"},
            {"base64.encode, 12", "Invalid argument: expected type 'array' or 'string'"},

@@ -3,22 +3,15 @@
 // host sees (the library value, parse errors as exceptions, the stack).
 #include <string>
 #include <utility>
-#include <vector>
 
-#include <boost/shared_ptr.hpp>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <lua.hpp>
 
 #include "lua/libs/libs.h"
-#include "lua/object_ref.h"
-#include "lua/runtime.h"
+#include "lua/script_test_util.h"
 
 namespace {
 
-const std::string kScripts = CORVANE_SOURCE_DIR "/tests/libs/xml/";
-
-class XmlLib : public ::testing::Test {
+class XmlLib : public lua_test::ScriptTest {
  protected:
   static void SetUpTestSuite() {
     // Registering twice must leave one working library.
@@ -26,37 +19,22 @@ class XmlLib : public ::testing::Test {
     lua::RegisterXmlLib();
   }
 
-  void SetUp() override { rt_ = lua::RunTime::Create(); }
-  void TearDown() override { EXPECT_TRUE(rt_->IsStackEmpty()); }
-
   // Runs a script file; its failure message becomes the test's.
   void RunScript(const std::string& name) {
     lua::RunTime::StackCleaner cleaner(rt_);
     try {
-      rt_->RunFile(kScripts + name, false);
+      rt_->RunFile(CORVANE_SOURCE_DIR "/tests/libs/xml/" + name, false);
     } catch (const lua::RunTimeError& e) {
       ADD_FAILURE() << e.what();
     }
   }
-
-  // The chunk's results joined by " | ".
-  std::string Eval(const std::string& code) {
-    lua::RunTime::StackCleaner cleaner(rt_);
-    std::string text;
-    for (const auto& result : rt_->RunString(code, false)) {
-      text += (text.empty() ? "" : " | ") + result->AsString();
-    }
-    return text;
-  }
-
-  boost::shared_ptr<lua::RunTime> rt_;
 };
 
 TEST_F(XmlLib, ScriptSuitesPass) { RunScript("run.lua"); }
 
 TEST_F(XmlLib, EventsAgreeWithLuaExpat) { RunScript("expat_compare.lua"); }
 
-TEST_F(XmlLib, GlobalAndLoadedModuleAreTheTableTheTextReturns) {
+TEST_F(XmlLib, EachRuntimeHasItsOwnTableTheTextReturns) {
   // The text's own table, not a library table built around it: exactly its
   // three fields.
   EXPECT_EQ(Eval("local n = 0 for _ in pairs(xml) do n = n + 1 end "
@@ -65,40 +43,26 @@ TEST_F(XmlLib, GlobalAndLoadedModuleAreTheTableTheTextReturns) {
             "true | true | 3 | function | function | function");
   EXPECT_EQ(Eval("return xml.write(xml.dom.parseStr('<a x=\"1\">t&amp;</a>'))"),
             "<?xml version=\"1.0\" standalone=\"yes\"?>\n<a x=\"1\">t&amp;</a>");
-}
-
-TEST_F(XmlLib, EachRuntimeHasItsOwnLibraryTable) {
   Eval("xml.dom = nil");
-  const boost::shared_ptr<lua::RunTime> other = lua::RunTime::Create();
-  lua::RunTime::StackCleaner cleaner(other);
-  EXPECT_EQ(other->RunString("return type(xml.dom)", false).at(0)->AsString(), "table");
+  EXPECT_EQ(lua_test::Eval(lua::RunTime::Create(), "return type(xml.dom)"), "table");
 }
 
 TEST_F(XmlLib, ParseErrorsReachTheHostWithTheLibraryTextAndLeaveTheRuntimeUsable) {
-  const std::vector<std::pair<std::string, std::string>> cases = {
-      {"<p:a/>", "Cannot find namespace for prefix p"},
-      {"just text", "Parsing did not discover any elements"},
-      {"<a><b></b>", "Parsing ended with unclosed elements"},
-      {"<a b></a>", "Was in an element and couldn't find attributes or the close."},
-      {"<a/><b/>", "Encountered element 'b' when the document already has a root 'a' element"},
-  };
-  for (const auto& c : cases) {
+  for (const auto& c : {std::pair<std::string, std::string>{"<p:a/>", "Cannot find namespace for prefix p"},
+                        {"just text", "Parsing did not discover any elements"},
+                        {"<a><b></b>", "Parsing ended with unclosed elements"},
+                        {"<a b></a>", "Was in an element and couldn't find attributes or the close."},
+                        {"<a/><b/>", "Encountered element 'b' when the document already has a root 'a' element"}}) {
     lua::RunTime::StackCleaner cleaner(rt_);
     lua_pushlstring(rt_->State(), c.first.data(), c.first.size());
     const auto input = rt_->ObjectAtStackTop();
-    const auto parse =
-        rt_->GetGlobalObject("xml")->AsTableRef()->Get("dom")->AsTableRef()->Get("parseStr");
+    const auto parse = rt_->GetGlobalObject("xml")->AsTableRef()->Get("dom")->AsTableRef()->Get("parseStr");
     const int before = rt_->StackTopIndex();
-    try {
-      rt_->RunFunc(parse, {input});
-      ADD_FAILURE() << c.first << ": no error";
-    } catch (const lua::RunTimeError& e) {
-      // The position is a line of the library text, then the message.
-      EXPECT_THAT(e.what(), ::testing::StartsWith("Lua: ")) << c.first;
-      EXPECT_THAT(e.what(), ::testing::ContainsRegex("\\]:[0-9]+: " + c.second.substr(0, 20)))
-          << c.first;
-      EXPECT_THAT(e.what(), ::testing::HasSubstr(c.second)) << c.first;
-    }
+    // The position is a line of the library text, then the message.
+    EXPECT_THAT(lua_test::ThrownText([&] { rt_->RunFunc(parse, {input}); }),
+                ::testing::AllOf(::testing::StartsWith("Lua: "), ::testing::HasSubstr(c.second),
+                                 ::testing::ContainsRegex("\\]:[0-9]+: " + c.second.substr(0, 20))))
+        << c.first;
     // Only the error value stays, for the caller's StackCleaner to drop.
     EXPECT_EQ(rt_->StackTopIndex(), before + 1) << c.first;
   }

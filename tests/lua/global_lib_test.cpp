@@ -6,10 +6,6 @@
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "lua/object_ref.h"
-#include "lua/runtime.h"
 #include "lua/script_test_util.h"
 
 namespace {

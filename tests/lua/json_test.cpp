@@ -7,15 +7,12 @@
 #include <limits>
 #include <memory>
 #include <string>
-#include <vector>
+#include <utility>
 
-#include <gtest/gtest.h>
 #include <json/reader.h>
 #include <json/value.h>
 
 #include "lua/libs/libs.h"
-#include "lua/object_ref.h"
-#include "lua/runtime.h"
 #include "lua/script_test_util.h"
 #include "utils/json_writer.h"
 
@@ -23,6 +20,7 @@ namespace {
 
 using lua::JsonAnnotatedType;
 using lua::RunTime;
+using lua_test::StartsWith;
 using lua_test::ThrownText;
 
 Json::Value Parse(const std::string& text) {
@@ -33,9 +31,7 @@ Json::Value Parse(const std::string& text) {
   return value;
 }
 
-std::string Text(const Json::Value& value) {
-  return utils::WriteJson(value, false);
-}
+std::string Text(const Json::Value& value) { return utils::WriteJson(value, false); }
 
 class JsonConversion : public ::testing::Test {
  protected:
@@ -44,22 +40,19 @@ class JsonConversion : public ::testing::Test {
     rt_ = RunTime::Create();
   }
 
-  // The script's first result as JSON text, through AsJsonValue.
+  // The script's first result as JSON text through AsJsonValue, or the error.
   std::string ScriptToJson(const std::string& code) {
     RunTime::StackCleaner cleaner(rt_);
-    return Text(rt_->RunString(code, false).front()->AsJsonValue());
+    std::string text;
+    const std::string error = ThrownText([&] { text = Text(rt_->RunString(code, false).front()->AsJsonValue()); });
+    return text.empty() ? error : text;
   }
 
   boost::shared_ptr<RunTime> rt_;
 };
 
 TEST_F(JsonConversion, DocumentsSurviveTheRoundTripThroughAScriptTable) {
-  const struct {
-    const char* in;
-    const char* out;  // null: the same as `in`
-  } cases[] = {
-      {"[]", nullptr},
-      {"{}", nullptr},
+  const std::pair<const char*, const char*> cases[] = {  // null: the same as the input
       {"[[],{},[[]],{\"a\":{}}]", nullptr},
       {"{\"a\":[1,{\"b\":[]}],\"c\":{\"d\":[{}]}}", nullptr},
       {"[1,null,3]", nullptr},
@@ -73,41 +66,36 @@ TEST_F(JsonConversion, DocumentsSurviveTheRoundTripThroughAScriptTable) {
       {"{\"1\":\"one\",\"2\":\"two\"}", nullptr},  // string keys that look like indices stay an object
       {"[[1,[2,[3,[4,{\"x\":[5]}]]]]]", nullptr},
   };
-  for (const auto& c : cases) {
+  for (const auto& [in, out] : cases) {
     RunTime::StackCleaner cleaner(rt_);
     const int top = rt_->StackTopIndex();
-    const boost::shared_ptr<lua::ObjectRef> value = rt_->CreateAtStack(Parse(c.in));
-    EXPECT_EQ(rt_->StackTopIndex(), top + 1) << c.in;
-    EXPECT_EQ(Text(value->AsJsonValue()), c.out ? c.out : c.in);
-    EXPECT_EQ(rt_->StackTopIndex(), top + 1) << "AsJsonValue leaves the stack as it was";
+    const boost::shared_ptr<lua::ObjectRef> value = rt_->CreateAtStack(Parse(in));
+    EXPECT_EQ(Text(value->AsJsonValue()), out ? out : in);
+    EXPECT_EQ(rt_->StackTopIndex(), top + 1) << in;
   }
 }
 
-TEST_F(JsonConversion, ScriptBuiltTablesAreDecidedByTheirKeys) {
-  EXPECT_EQ(ScriptToJson("return {}"), "[]");
-  EXPECT_EQ(ScriptToJson("return {1, 2, nil, 4}"), "[1,2,null,4]");
-  EXPECT_EQ(ScriptToJson("return {[1] = 'a', x = 1}"), "{\"1\":\"a\",\"x\":1}");
-  EXPECT_EQ(ScriptToJson("return {[3] = 'c', [1] = 'a'}"), "[\"a\",null,\"c\"]");
-  EXPECT_EQ(ScriptToJson("return {[0] = 'zero'}"), "{\"0\":\"zero\"}");
-  EXPECT_EQ(ScriptToJson("return {[1.5] = true}"), "{\"1.5\":true}");
-  EXPECT_EQ(ScriptToJson("return {2.0, 3, 2^63, 1e300}"), "[2.0,3,9223372036854775808.0,1e+300]");
-  EXPECT_EQ(ScriptToJson("return {json.null, n = json.null}"), "{\"1\":null,\"n\":null}");
+TEST_F(JsonConversion, AnnotationOrElseTheKeysDecideTheKind) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"return {}", "[]"},
+      {"return {1, 2, nil, 4}", "[1,2,null,4]"},
+      {"return {[1] = 'a', x = 1}", "{\"1\":\"a\",\"x\":1}"},
+      {"return {[3] = 'c', [1] = 'a'}", "[\"a\",null,\"c\"]"},
+      {"return {[0] = 'zero'}", "{\"0\":\"zero\"}"},
+      {"return {[1.5] = true}", "{\"1.5\":true}"},
+      {"return {2.0, 3, 2^63, 1e300}", "[2.0,3,9223372036854775808.0,1e+300]"},
+      {"return {json.null, n = json.null}", "{\"1\":null,\"n\":null}"},
+      {"return json.object({})", "{}"},
+      {"return json.object({'a', 'b'})", "{\"1\":\"a\",\"2\":\"b\"}"},
+      {"return json.array({[2] = 'b'})", "[null,\"b\"]"},
+      {"return json.array({x = 1})", "Invalid reference"},
+      {"return json.array({[0] = 1})", "AsJsonArray(): invalid array index: '0'"},
+      {"return json.array({[1.5] = 1})", "AsJsonArray(): invalid array index: '1.5'"},
+      {"local t = {} json['_$meta'][t] = {type = 7} return t", "AsJsonValue(): bad annotated type: '7'"},
+  };
+  for (const auto& [code, json] : cases) EXPECT_EQ(ScriptToJson(code), json) << code;
   // Values without a JSON form become their tostring() text.
-  const std::string function = ScriptToJson("return {print}");
-  EXPECT_EQ(function.substr(0, 12), "[\"function: ");
-}
-
-TEST_F(JsonConversion, AnnotationDecidesOverTheKeys) {
-  EXPECT_EQ(ScriptToJson("return json.object({})"), "{}");
-  EXPECT_EQ(ScriptToJson("return json.object({'a', 'b'})"), "{\"1\":\"a\",\"2\":\"b\"}");
-  EXPECT_EQ(ScriptToJson("return json.array({[2] = 'b'})"), "[null,\"b\"]");
-  EXPECT_EQ(ThrownText([&] { ScriptToJson("return json.array({x = 1})"); }), "Invalid reference");
-  EXPECT_EQ(ThrownText([&] { ScriptToJson("return json.array({[0] = 1})"); }),
-            "AsJsonArray(): invalid array index: '0'");
-  EXPECT_EQ(ThrownText([&] { ScriptToJson("return json.array({[1.5] = 1})"); }),
-            "AsJsonArray(): invalid array index: '1.5'");
-  EXPECT_EQ(ThrownText([&] { ScriptToJson("local t = {} json['_$meta'][t] = {type = 7} return t"); }),
-            "AsJsonValue(): bad annotated type: '7'");
+  EXPECT_TRUE(StartsWith(ScriptToJson("return {print}"), "[\"function: "));
   // The explicit forms ignore the annotation.
   RunTime::StackCleaner cleaner(rt_);
   const auto table = rt_->RunString("return json.array({})", false).front()->AsTableRef();
@@ -165,8 +153,8 @@ TEST_F(JsonConversion, FailuresLeaveTheStackAndTheRuntimeUsable) {
   const int top = rt_->StackTopIndex();
   Json::Value tooLarge(Json::arrayValue);
   tooLarge.append(Json::Value(Json::UInt64(std::numeric_limits<uint64_t>::max())));
-  const std::string text = ThrownText([&] { rt_->CreateAtStack(tooLarge); });
-  EXPECT_TRUE(lua_test::StartsWith(text, "CreateAtStack(): convert from Json to Lua error: ")) << text;
+  EXPECT_TRUE(StartsWith(ThrownText([&] { rt_->CreateAtStack(tooLarge); }),
+                         "CreateAtStack(): convert from Json to Lua error: "));
   EXPECT_EQ(rt_->StackTopIndex(), top);
 
   Json::Value deep(Json::arrayValue);
@@ -175,13 +163,13 @@ TEST_F(JsonConversion, FailuresLeaveTheStackAndTheRuntimeUsable) {
     outer.append(deep);
     deep.swap(outer);
   }
-  EXPECT_TRUE(lua_test::StartsWith(ThrownText([&] { rt_->CreateAtStack(deep); }),
-                                   "CreateAtStack(): convert from Json to Lua error: ConvertToLuaObject(): JSON "
-                                   "nested deeper than 1000 levels"));
+  EXPECT_TRUE(StartsWith(ThrownText([&] { rt_->CreateAtStack(deep); }),
+                         "CreateAtStack(): convert from Json to Lua error: ConvertToLuaObject(): JSON "
+                         "nested deeper than 1000 levels"));
   EXPECT_EQ(rt_->StackTopIndex(), top);
 
-  const std::string cycle = ThrownText([&] { ScriptToJson("local t = {} t[1] = t return t"); });
-  EXPECT_TRUE(lua_test::StartsWith(cycle, "AsJsonValue(): tables nested deeper than 1000 levels")) << cycle;
+  const std::string cycle = ScriptToJson("local t = {} t[1] = t return t");
+  EXPECT_TRUE(StartsWith(cycle, "AsJsonValue(): tables nested deeper than 1000 levels")) << cycle;
   EXPECT_EQ(ScriptToJson("return {ok = true}"), "{\"ok\":true}");
 }
 

@@ -5,20 +5,16 @@
 #include <atomic>
 #include <cstdio>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "lua/libs/libs.h"
-#include "lua/object_ref.h"
-#include "lua/runtime.h"
 #include "lua/script_test_util.h"
 #include "utils/files.h"
 #include "utils/time.h"
-#include "zullog/zullog.h"
 
 namespace {
 
@@ -56,9 +52,7 @@ TEST_F(ModuleContext, WithoutScriptLoadsABareRuntimeWithTheLibraries) {
   std::string error;
   ASSERT_TRUE(context->Load(&error)) << error;
   EXPECT_TRUE(context->IsLoaded());
-  LuaModuleContext::Lock lock(context);
-  const boost::shared_ptr<RunTime> rt = lock.GetRuntime();
-  EXPECT_EQ(lua_test::Eval(rt, "return type(json.decode)"), "function");
+  EXPECT_EQ(lua_test::Eval(LuaModuleContext::Lock(context).GetRuntime(), "return type(json.decode)"), "function");
 }
 
 TEST_F(ModuleContext, ReloadsOnlyWhenAskedAndTheFileChanged) {
@@ -67,10 +61,7 @@ TEST_F(ModuleContext, ReloadsOnlyWhenAskedAndTheFileChanged) {
   const std::shared_ptr<LuaModuleContext> fixed = LuaModuleContext::Create(path_, false);
   EXPECT_EQ(Call(watching, "version"), 1);
   EXPECT_EQ(Call(fixed, "version"), 1);
-  {
-    LuaModuleContext::Lock lock(watching);
-    lock.GetRuntime()->RunString("state = 'kept'", false);
-  }
+  lua_test::Eval(LuaModuleContext::Lock(watching).GetRuntime(), "state = 'kept'");
   EXPECT_EQ(lua_test::Eval(LuaModuleContext::Lock(watching).GetRuntime(), "return state"), "kept");
 
   Write("function version() return 2 end");
@@ -158,33 +149,14 @@ TEST_F(ModuleContext, APanicIsFollowedByAFreshRuntime) {
   EXPECT_TRUE(lock.GetRuntime()->IsValid());
 }
 
-class CaptureSink : public zullog::AbstractLogger {
- public:
-  bool IsEnabledFor(int) const override { return true; }
-  void Write(const std::shared_ptr<zullog::LogRecord>& record) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.push_back(std::to_string(record->GetSeverity()) + " " + record->Text());
-  }
-  std::vector<std::string> Lines() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
-
 TEST_F(ModuleContext, EachLoadIsLogged) {
   Write("return 1");
-  const auto sink = std::make_shared<CaptureSink>();
+  const auto sink = std::make_shared<lua_test::CaptureSink>();
   zullog::SetSink(sink);
   const std::shared_ptr<LuaModuleContext> context = LuaModuleContext::Create(path_, false);
   EXPECT_TRUE(context->Load(nullptr));
   zullog::SetSink(nullptr);
-  bool found = false;
-  for (const std::string& line : sink->Lines()) found |= line == "4 <lua_module_ctx> Init: " + path_ + " has been loaded";
-  EXPECT_TRUE(found);
+  EXPECT_THAT(sink->Lines(), ::testing::Contains("4 <lua_module_ctx> Init: " + path_ + " has been loaded"));
 }
 
 // Eight threads lock and call while the file is rewritten: every call must

@@ -5,9 +5,7 @@
 #include <vector>
 
 #include <boost/pointer_cast.hpp>
-#include <gtest/gtest.h>
 
-#include "lua/runtime.h"
 #include "lua/script_test_util.h"
 
 namespace {

@@ -9,9 +9,7 @@
 #include <vector>
 
 #include <boost/pointer_cast.hpp>
-#include <gtest/gtest.h>
 
-#include "lua/object_ref.h"
 #include "lua/script_test_util.h"
 #include "utils/files.h"
 

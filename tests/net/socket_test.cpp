@@ -1,10 +1,8 @@
 #include "utils/net/socket.h"
 
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <string>
 
@@ -12,27 +10,31 @@
 
 #include "net/support/log_capture.h"
 #include "net/support/loopback.h"
-#include "utils/env.h"
+#include "net/test_helpers.h"
 #include "utils/net/sockaddr.h"
 
 namespace {
 
 using utils::impl::Socket;
 
-bool WaitWritable(int descriptor) {
-  pollfd entry = {descriptor, POLLOUT, 0};
+bool WaitFor(int descriptor, short events) {
+  pollfd entry = {descriptor, events, 0};
   return poll(&entry, 1, 5000) == 1;
+}
+
+int ConnectTo(Socket* socket, int port) {
+  utils::Sockaddr address("127.0.0.1", static_cast<unsigned>(port));
+  return socket->Connect(address.AsSockaddr(), address.GetSockaddrLen());
 }
 
 // A non-blocking Socket connected to a loopback listener, and the peer's end.
 struct ConnectedPair {
   ConnectedPair() : socket(nullptr) {
     EXPECT_EQ(socket.Create(AF_INET, SOCK_STREAM, 0, true), utils::impl::SocketStatusDone);
-    utils::Sockaddr address("127.0.0.1", static_cast<unsigned>(listener.Port()));
-    const int status = socket.Connect(address.AsSockaddr(), address.GetSockaddrLen());
+    const int status = ConnectTo(&socket, listener.Port());
     EXPECT_TRUE(status == utils::impl::SocketStatusInProgress ||
                 status == utils::impl::SocketStatusDone);
-    EXPECT_TRUE(WaitWritable(socket.Descriptor()));
+    EXPECT_TRUE(WaitFor(socket.Descriptor(), POLLOUT));
     EXPECT_FALSE(socket.IsError());
     peer = listener.Accept();
     EXPECT_TRUE(peer.Valid());
@@ -52,17 +54,15 @@ TEST(Socket, ReceiveReportsWouldBlockDataPeekAndEndOfStream) {
   EXPECT_EQ(done, 99u);
 
   nettest::SendText(pair.peer.Get(), "hello");
-  pollfd entry = {pair.socket.Descriptor(), POLLIN, 0};
-  ASSERT_EQ(poll(&entry, 1, 5000), 1);
+  ASSERT_TRUE(WaitFor(pair.socket.Descriptor(), POLLIN));
   ASSERT_EQ(pair.socket.Peek(buffer, sizeof(buffer), &done), utils::impl::SocketStatusDone);
   EXPECT_EQ(std::string(buffer, done), "hello");
-  // The peeked bytes are still there.
   ASSERT_EQ(pair.socket.Recv(buffer, 3, &done), utils::impl::SocketStatusDone);
-  EXPECT_EQ(std::string(buffer, done), "hel");
+  EXPECT_EQ(std::string(buffer, done), "hel");  // the peeked bytes were still there
   ASSERT_EQ(pair.socket.Recv(buffer, sizeof(buffer), nullptr), utils::impl::SocketStatusDone);
 
   pair.peer = nettest::Fd();
-  ASSERT_EQ(poll(&entry, 1, 5000), 1);
+  ASSERT_TRUE(WaitFor(pair.socket.Descriptor(), POLLIN));
   EXPECT_EQ(pair.socket.Recv(buffer, sizeof(buffer), &done), utils::impl::SocketStatusEndOfStream);
 }
 
@@ -84,24 +84,18 @@ TEST(Socket, SendReportsFullBufferAndVanishedPeerWithoutSignal) {
   // Without MSG_NOSIGNAL this would raise SIGPIPE and end the test program.
   pair.peer = nettest::Fd();
   for (int i = 0; i < 100 && status != utils::impl::SocketStatusFailed; ++i) {
-    WaitWritable(pair.socket.Descriptor());
+    WaitFor(pair.socket.Descriptor(), POLLOUT);
     status = pair.socket.Send(chunk.data(), chunk.size(), nullptr);
   }
   EXPECT_EQ(status, utils::impl::SocketStatusFailed);
 }
 
 TEST(Socket, RefusedConnectShowsAsPendingError) {
-  int port;
-  {
-    nettest::Listener closed;  // a port that surely has no listener afterwards
-    port = closed.Port();
-  }
   Socket socket(nullptr);
   ASSERT_EQ(socket.Create(AF_INET, SOCK_STREAM, 0, true), utils::impl::SocketStatusDone);
-  utils::Sockaddr address("127.0.0.1", static_cast<unsigned>(port));
-  const int status = socket.Connect(address.AsSockaddr(), address.GetSockaddrLen());
+  const int status = ConnectTo(&socket, nettest::ClosedPort());
   if (status == utils::impl::SocketStatusInProgress) {
-    ASSERT_TRUE(WaitWritable(socket.Descriptor()));
+    ASSERT_TRUE(WaitFor(socket.Descriptor(), POLLOUT));
     EXPECT_TRUE(socket.IsError());
     EXPECT_EQ(errno, ECONNREFUSED);
   } else {
@@ -125,7 +119,6 @@ TEST(Socket, OwnershipMovesThroughCreateAttachAndDetach) {
   const int detached = socket.Detach();
   EXPECT_EQ(socket.Descriptor(), -1);
   EXPECT_NE(fcntl(detached, F_GETFD), -1) << "detaching must not close";
-
   socket.Attach(detached, "example.test");
   EXPECT_EQ(socket.Descriptor(), detached);
   EXPECT_EQ(socket.HostName(), "example.test");
@@ -135,26 +128,19 @@ TEST(Socket, OwnershipMovesThroughCreateAttachAndDetach) {
 }
 
 TEST(Socket, FailedTlsSetUpLeavesThePlainSocket) {
-  utils::UnsetEnv("CORVANE_OPENSSL_CA_FILE");
-  utils::UnsetEnv("CORVANE_OPENSSL_CA_PATH");
-  utils::UnsetEnv("CORVANE_OPENSSL_SUPPRESS_CA_VERIFICATION");
+  nettest::ClearTlsEnvironment();
   nettest::LogCapture log;
   ConnectedPair pair;
   const int descriptor = pair.socket.Descriptor();
   EXPECT_EQ(pair.socket.InitializeSecureData("localhost", true, utils::tls::CertSettings()),
             utils::impl::SocketStatusFailed);
-  EXPECT_TRUE(
-      log.Has("<utils::openssl> Failed to locate CA bundle! SSL connection is not allowed!"));
   EXPECT_TRUE(log.Has("<utils::impl::Socket> Enter scope `::InitializeSecureData' >>>"));
   EXPECT_FALSE(pair.socket.IsSecure());
   EXPECT_EQ(pair.socket.Descriptor(), descriptor);
-
-  // Still plain: bytes go through untouched.
   nettest::SendText(pair.peer.Get(), "plain");
-  pollfd entry = {descriptor, POLLIN, 0};
-  ASSERT_EQ(poll(&entry, 1, 5000), 1);
   char buffer[8];
   size_t done = 0;
+  ASSERT_TRUE(WaitFor(descriptor, POLLIN));
   ASSERT_EQ(pair.socket.Recv(buffer, sizeof(buffer), &done), utils::impl::SocketStatusDone);
   EXPECT_EQ(std::string(buffer, done), "plain");
 

@@ -23,15 +23,7 @@ std::vector<Base64Path> AvailablePaths() {
 }
 
 const char* PathName(Base64Path path) {
-  switch (path) {
-    case Base64Path::kScalar:
-      return "scalar";
-    case Base64Path::kSsse3:
-      return "ssse3";
-    case Base64Path::kAvx2:
-      return "avx2";
-  }
-  return "?";
+  return path == Base64Path::kScalar ? "scalar" : path == Base64Path::kSsse3 ? "ssse3" : "avx2";
 }
 
 std::string EncodeWith(Base64Path path, const std::string& data) {
@@ -42,7 +34,7 @@ std::string EncodeWith(Base64Path path, const std::string& data) {
   return text;
 }
 
-// The decoded bytes, or nullopt-like failure reported through `ok`.
+// The decoded bytes; failure is reported through `ok`.
 std::string DecodeWith(Base64Path path, const std::string& text, bool* ok) {
   std::vector<uint8_t> out(utils::Base64DecodedMaxSize(text.size()) + 1);
   size_t size = 0;

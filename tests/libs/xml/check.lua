@@ -4,25 +4,18 @@
 local check = { failed = {}, passed = 0 }
 
 local function describe(value)
-  if type(value) == "string" then
-    return string.format("%q", value)
-  end
-  return tostring(value)
+  return type(value) == "string" and string.format("%q", value) or tostring(value)
 end
 
 -- Returns nil when equal, else where and how the values differ.
 local function difference(actual, expected, path)
   if type(actual) ~= "table" or type(expected) ~= "table" then
-    if actual == expected then
-      return nil
-    end
+    if actual == expected then return nil end
     return string.format("%s: got %s, expected %s", path, describe(actual), describe(expected))
   end
   for key, value in pairs(expected) do
     local found = difference(rawget(actual, key), value, path .. "." .. tostring(key))
-    if found then
-      return found
-    end
+    if found then return found end
   end
   for key, value in pairs(actual) do
     if rawget(expected, key) == nil then
@@ -34,9 +27,7 @@ end
 
 function check.equal(actual, expected, what)
   local found = difference(actual, expected, what or "value")
-  if found then
-    error(found, 2)
-  end
+  if found then error(found, 2) end
 end
 
 function check.same(actual, expected, what)
@@ -47,9 +38,7 @@ function check.same(actual, expected, what)
 end
 
 function check.truthy(value, what)
-  if not value then
-    error((what or "condition") .. " does not hold", 2)
-  end
+  if not value then error((what or "condition") .. " does not hold", 2) end
 end
 
 -- fn must fail with a message that contains expected (plain text).
@@ -77,9 +66,7 @@ end
 -- Raises when any test failed, so that the runner's exit status tells.
 function check.finish()
   print(string.format("%d passed, %d failed", check.passed, #check.failed))
-  if #check.failed > 0 then
-    error("failed: " .. table.concat(check.failed, ", "), 0)
-  end
+  if #check.failed > 0 then error("failed: " .. table.concat(check.failed, ", "), 0) end
 end
 
 return check

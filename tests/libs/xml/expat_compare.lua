@@ -17,69 +17,44 @@ local xml = rawget(_G, "xml")
   or assert(loadfile((arg and arg[1]) or dir .. "../../../lua/libs/xml.lua"))()
 local DOCUMENTS = tonumber(arg and arg[2]) or 400
 
----------------------------------------------------------------------------
--- Generator
-
 -- A fixed-seed generator of our own, so a failing document can be rebuilt
 -- from its number on any platform.
 local state
-local function seed(n)
-  state = n * 2654435761 + 1
-end
 local function random(n)
   state = state * 6364136223846793005 + 1442695040888963407
   return (state >> 33) % n + 1
 end
-local function pick(list)
-  return list[random(#list)]
-end
-local function chance(percent)
-  return random(100) <= percent
-end
+local function pick(list) return list[random(#list)] end
+local function chance(percent) return random(100) <= percent end
 
 local NAMES = { "a", "b", "item", "x-y", "_u", "n.1", "Data", "z9" }
 local URIS = { "urn:one", "urn:two", "http://example.com/ns", "urn:x&amp;y" }
 local PREFIXES = { "p", "q", "ns1", "x_y" }
 local REFERENCES = { "&lt;", "&gt;", "&amp;", "&quot;", "&apos;", "&#65;", "&#x263A;", "&#x1F600;",
                      "&#233;", "&#10;", "&#9;", "&#x20;" }
-
 -- Characters that may stand as they are in text and in attribute values
 -- (no white space but the space there: expat normalises the rest).
+local TEXT_CHARS = { "a", "b", "Z", "0", " ", " ", "\n", "\t", ">", "'", "\"", "é", "→", "=", "/" }
+local VALUE_CHARS = { "a", "b", "Z", "0", " ", ">", "é", "=", "/", ":" }
+
 local function characters(count, allowed)
   local out = {}
-  for i = 1, count do
-    if chance(15) then
-      out[i] = pick(REFERENCES)
-    else
-      out[i] = pick(allowed)
-    end
-  end
+  for i = 1, count do out[i] = chance(15) and pick(REFERENCES) or pick(allowed) end
   return table.concat(out)
 end
-local TEXT_CHARS = {
-  "a", "b", "Z", "0", " ", " ", "\n", "\t", ">", "'", "\"", "é", "→", "=", "/",
-}
-local VALUE_CHARS = { "a", "b", "Z", "0", " ", ">", "é", "=", "/", ":" }
 
 local function attributeValue()
   local value = characters(random(8) - 1, VALUE_CHARS)
-  if chance(50) then
-    return "\"" .. value:gsub("\"", "") .. "\""
-  end
+  if chance(50) then return "\"" .. value:gsub("\"", "") .. "\"" end
   return "'" .. value:gsub("'", "") .. "'"
 end
 
-local function space()
-  return pick({ "", " ", "  ", "\n\t" })
-end
+local function space() return pick({ "", " ", "  ", "\n\t" }) end
 
 -- scope: prefixes declared so far (name -> true), inherited by copying.
 local function element(depth, scope, out)
-  local inner = {}
-  for prefix in pairs(scope) do
-    inner[prefix] = true
-  end
-  local attributes = {}
+  local inner, attributes, declared, used = {}, {}, {}, {}
+  for prefix in pairs(scope) do inner[prefix] = true end
   if chance(20) then
     attributes[#attributes + 1] = "xmlns=" .. (chance(20) and "''" or "\"" .. pick(URIS) .. "\"")
   end
@@ -88,40 +63,28 @@ local function element(depth, scope, out)
     inner[prefix] = true
     attributes[#attributes + 1] = "xmlns:" .. prefix .. "=\"" .. pick(URIS) .. "\""
   end
-  local declared = {}
-  for prefix in pairs(inner) do
-    declared[#declared + 1] = prefix
-  end
+  for prefix in pairs(inner) do declared[#declared + 1] = prefix end
   table.sort(declared)
 
   -- Attribute names must stay unique even after namespace resolution, so
   -- each local name is used once per element.
-  local used = {}
   for _ = 1, random(4) - 1 do
     local name = pick(NAMES)
     if not used[name] then
       used[name] = true
       local prefix = #declared > 0 and chance(30) and pick(declared)
-      if chance(5) then
-        prefix = "xml"
-      end
-      attributes[#attributes + 1] = (prefix and prefix .. ":" or "") .. name .. space() .. "="
-        .. space() .. attributeValue()
+      if chance(5) then prefix = "xml" end
+      attributes[#attributes + 1] = (prefix and prefix .. ":" or "") .. name .. space() .. "=" .. space()
+        .. attributeValue()
     end
   end
   -- Declarations may come after the attributes that use them.
-  if chance(50) then
-    table.sort(attributes)
-  end
+  if chance(50) then table.sort(attributes) end
 
   local name = pick(NAMES)
-  if #declared > 0 and chance(40) then
-    name = pick(declared) .. ":" .. name
-  end
+  if #declared > 0 and chance(40) then name = pick(declared) .. ":" .. name end
   local head = "<" .. name
-  for _, attribute in ipairs(attributes) do
-    head = head .. " " .. space() .. attribute
-  end
+  for _, attribute in ipairs(attributes) do head = head .. " " .. space() .. attribute end
   head = head .. space()
 
   if depth > 4 or chance(20) then
@@ -136,8 +99,7 @@ local function element(depth, scope, out)
     elseif kind <= 7 then
       element(depth + 1, inner, out)
     elseif kind == 8 then
-      local cdata = characters(random(10), { "<", "&", "a", "]", " ", "&amp;" })
-      out[#out + 1] = "<![CDATA[" .. cdata .. "]]>"
+      out[#out + 1] = "<![CDATA[" .. characters(random(10), { "<", "&", "a", "]", " ", "&amp;" }) .. "]]>"
     elseif kind == 9 then
       out[#out + 1] = "<!--" .. characters(random(10), { "a", "<", "&", " ", ">", "-a" }) .. "-->"
     else
@@ -150,48 +112,33 @@ local function element(depth, scope, out)
 end
 
 local function document(number)
-  seed(number)
+  state = number * 2654435761 + 1
   local out = {}
-  if chance(50) then
-    out[#out + 1] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-  end
-  if chance(30) then
-    out[#out + 1] = "<!-- before -->\n"
-  end
+  if chance(50) then out[#out + 1] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n" end
+  if chance(30) then out[#out + 1] = "<!-- before -->\n" end
   element(0, {}, out)
   out[#out + 1] = chance(50) and "\n" or ""
   return table.concat(out)
 end
 
----------------------------------------------------------------------------
--- Normalised event streams
-
+-- An event stream that joins adjacent text.
 local function stream()
   local events, pendingText = {}, {}
-  local self = {}
   local function flush()
     if #pendingText > 0 then
       events[#events + 1] = "text " .. string.format("%q", table.concat(pendingText))
       pendingText = {}
     end
   end
-  function self.add(...)
-    flush()
-    events[#events + 1] = table.concat({ ... }, " ")
-  end
-  function self.text(text)
-    pendingText[#pendingText + 1] = text
-  end
-  function self.events()
-    flush()
-    return events
-  end
-  return self
+  return {
+    add = function(...) flush() events[#events + 1] = table.concat({ ... }, " ") end,
+    text = function(text) pendingText[#pendingText + 1] = text end,
+    events = function() flush() return events end,
+  }
 end
 
 local function ourEvents(content)
-  local out = stream()
-  local depth = 0
+  local out, depth = stream(), 0
   xml.sax.parseStr(content, {
     startElement = function(name, namespace)
       depth = depth + 1
@@ -207,18 +154,10 @@ local function ourEvents(content)
       depth = depth - 1
       out.add("end", namespace or "-", name)
     end,
-    text = function(text)
-      if depth > 0 then
-        out.text(text)
-      end
-    end,
-    comment = function(text)
-      out.add("comment", string.format("%q", text))
-    end,
+    text = function(text) if depth > 0 then out.text(text) end end,
+    comment = function(text) out.add("comment", string.format("%q", text)) end,
     pi = function(target, data)
-      if target ~= "xml" then
-        out.add("pi", target, string.format("%q", data))
-      end
+      if target ~= "xml" then out.add("pi", target, string.format("%q", data)) end
     end,
   })
   return out.events()
@@ -228,9 +167,7 @@ local SEPARATOR = "\1"
 
 local function split(name)
   local namespace, localName = name:match("^(.*)" .. SEPARATOR .. "(.*)$")
-  if namespace then
-    return namespace, localName
-  end
+  if namespace then return namespace, localName end
   return "-", name
 end
 
@@ -242,35 +179,21 @@ local function expatEvents(content)
       out.add("start", namespace, localName)
       for _, attribute in ipairs(attributes) do
         local attributeNamespace, attributeName = split(attribute)
-        out.add("attr", attributeNamespace, attributeName,
-                string.format("%q", attributes[attribute]))
+        out.add("attr", attributeNamespace, attributeName, string.format("%q", attributes[attribute]))
       end
     end,
-    EndElement = function(_, name)
-      local namespace, localName = split(name)
-      out.add("end", namespace, localName)
-    end,
-    CharacterData = function(_, text)
-      out.text(text)
-    end,
-    Comment = function(_, text)
-      out.add("comment", string.format("%q", text))
-    end,
-    ProcessingInstruction = function(_, target, data)
-      out.add("pi", target, string.format("%q", data))
-    end,
+    EndElement = function(_, name) out.add("end", split(name)) end,
+    CharacterData = function(_, text) out.text(text) end,
+    Comment = function(_, text) out.add("comment", string.format("%q", text)) end,
+    ProcessingInstruction = function(_, target, data) out.add("pi", target, string.format("%q", data)) end,
   }, SEPARATOR)
   local ok, message, line, column = parser:parse(content)
-  if ok then
-    ok, message, line, column = parser:parse()
-  end
+  if ok then ok, message, line, column = parser:parse() end
   assert(ok, string.format("expat rejects the generated document: %s at %s:%s\n%s",
                            tostring(message), tostring(line), tostring(column), content))
   parser:close()
   return out.events()
 end
-
----------------------------------------------------------------------------
 
 local failures = 0
 for number = 1, DOCUMENTS do
@@ -286,6 +209,4 @@ for number = 1, DOCUMENTS do
   end
 end
 print(string.format("%d documents compared, %d differ", DOCUMENTS, failures))
-if failures > 0 then
-  error("the event streams differ from lua-expat's", 0)
-end
+if failures > 0 then error("the event streams differ from lua-expat's", 0) end
