@@ -5,6 +5,7 @@
 // They belong to the thread that uses their runtime.
 #pragma once
 
+#include <limits>
 #include <string>
 
 #include <boost/shared_ptr.hpp>
@@ -155,8 +156,11 @@ class TableRef::ConstArrayIterator {
  private:
   friend class TableRef;
 
+  // A "__len" metamethod may answer math.maxinteger; the walk stops one short
+  // of it rather than overflow.
   ConstArrayIterator(const boost::shared_ptr<RunTime>& rt, int tableIndex, long long length)
-      : rt_(rt), tableIndex_(tableIndex), index_(0), begin_(1), end_(length + 1) {}
+      : rt_(rt), tableIndex_(tableIndex), index_(0), begin_(1),
+        end_(length < std::numeric_limits<long long>::max() ? length + 1 : length) {}
 
   boost::shared_ptr<RunTime> rt_;
   int tableIndex_;

@@ -21,6 +21,8 @@ struct CallFrame {
   std::vector<boost::shared_ptr<ObjectRef>> args;
   // Handles of earlier calls with more arguments, for later calls with more.
   std::vector<boost::shared_ptr<ObjectRef>> spare;
+  // The host closure's function this level runs, if any.
+  const void* running = nullptr;
 };
 
 // A call with many arguments should not pin that many handles for the life of
@@ -71,6 +73,7 @@ class FrameLease {
   }
   ~FrameLease() {
     if (stack_ != nullptr) --stack_->depth;
+    frame_->running = nullptr;
     // A body may assign to its `rt`; only wrappers made here stay in the frame.
     if (frame_->rt.get() != installed_) frame_->rt.reset();
     if (frame_->args.size() > kMaxPooledHandles) frame_->args.resize(kMaxPooledHandles);
@@ -107,10 +110,11 @@ void PrepareArgs(CallFrame& frame, int count) {
 }
 
 template <class Call>
-int Invoke(lua_State* L, Call&& call) {
+int Invoke(lua_State* L, const void* running, Call&& call) {
   try {
     FrameLease lease;
     CallFrame& frame = lease.Frame();
+    frame.running = running;
     if (!frame.rt || frame.rt->State() != L) frame.rt = RunTime::Wrap(L);
     lease.Installed(frame.rt.get());
     PrepareArgs(frame, lua_gettop(L));
@@ -130,18 +134,43 @@ int Invoke(lua_State* L, Call&& call) {
 }  // namespace
 
 int CallNative(lua_State* L, NativeBody body) {
-  return Invoke(L, [body](boost::shared_ptr<RunTime>& rt, const std::vector<boost::shared_ptr<ObjectRef>>& args) {
-    return body(rt, args);
-  });
+  return Invoke(L, nullptr,
+                [body](boost::shared_ptr<RunTime>& rt, const std::vector<boost::shared_ptr<ObjectRef>>& args) {
+                  return body(rt, args);
+                });
 }
 
 int CallNativeClosure(lua_State* L) {
+  // A script can finalize the function by hand or swap the upvalue
+  // (debug.setupvalue); either way there is no function to call.
+  const lua_CFunction finalizer = WrapFunc<&UserDataDefaultFinalizer<NativeFunction, true>::Exec>;
+  if (!HoldsLiveObject(L, lua_upvalueindex(1), sizeof(NativeFunction), finalizer)) {
+    luaL_error(L, "Cpp: native closure without its function");
+  }
   const NativeFunction* function = static_cast<const NativeFunction*>(lua_touserdata(L, lua_upvalueindex(1)));
-  if (function == nullptr) luaL_error(L, "Cpp: native closure without its function");
-  return Invoke(L, [function](boost::shared_ptr<RunTime>& rt,
-                              const std::vector<boost::shared_ptr<ObjectRef>>& args) {
-    return (*function)(rt, args);
-  });
+  return Invoke(L, function,
+                [function](boost::shared_ptr<RunTime>& rt, const std::vector<boost::shared_ptr<ObjectRef>>& args) {
+                  return (*function)(rt, args);
+                });
+}
+
+bool HoldsLiveObject(lua_State* L, int index, size_t size, lua_CFunction finalizer) {
+  if (lua_type(L, index) != LUA_TUSERDATA || lua_rawlen(L, index) != size) return false;
+  if (!lua_checkstack(L, 2) || !lua_getmetatable(L, index)) return false;
+  lua_pushliteral(L, "__gc");
+  lua_rawget(L, -2);
+  const bool live = lua_tocfunction(L, -1) == finalizer;
+  lua_pop(L, 2);
+  return live;
+}
+
+bool IsObjectRunning(const void* object) {
+  const FrameStack* stack = tStack;
+  if (stack == nullptr) return false;
+  for (size_t i = 0; i < stack->depth; ++i) {
+    if (stack->levels[i]->running == object) return true;
+  }
+  return false;
 }
 
 }  // namespace detatils

@@ -4,6 +4,7 @@
 // Also the finalizer that destroys host objects kept in place in a userdata.
 #pragma once
 
+#include <cstddef>
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
@@ -14,6 +15,9 @@
 
 namespace lua {
 
+template <NativeBody Body>
+int WrapFunc(lua_State* L);
+
 namespace detatils {
 
 // The adapter's steps for one call of `body` from the state `L`.
@@ -21,6 +25,15 @@ int CallNative(lua_State* L, NativeBody body);
 // The C closure made by RunTime::CreateAtStack(const NativeFunction&): calls the
 // NativeFunction kept in its first upvalue the way CallNative calls a body.
 int CallNativeClosure(lua_State* L);
+
+// Whether the slot is a full userdata of `size` bytes whose metatable names
+// `finalizer` as its "__gc": one whose object is still to be destroyed. A
+// finalizer detaches the metatable when it destroys the object, so a script
+// that calls "__gc" by hand leaves a userdata that fails this test.
+bool HoldsLiveObject(lua_State* L, int index, size_t size, lua_CFunction finalizer);
+// Whether a native call on this thread is running the object (a host
+// closure's function) right now.
+bool IsObjectRunning(const void* object);
 
 // Destroys the T that a full userdata holds in place; used as its "__gc".
 template <class T, bool InPlace>
@@ -33,7 +46,16 @@ class UserDataDefaultFinalizer<T, true> {
     if (args.size() != 1) rt->Error("Expected 1 argument");
     lua_State* L = rt->State();
     const int index = args[0]->StackIndex();
-    if (lua_type(L, index) == LUA_TUSERDATA) static_cast<T*>(lua_touserdata(L, index))->~T();
+    // Scripts reach "__gc" too (debug.getmetatable): anything but a live
+    // object of ours is left alone, which also makes a second call harmless.
+    if (!HoldsLiveObject(L, index, sizeof(T), &WrapFunc<&Exec>)) return 0;
+    T* object = static_cast<T*>(lua_touserdata(L, index));
+    if (IsObjectRunning(object)) rt->Error("Cannot release an object while it runs");
+    // Detached before the destructor runs, so nothing it sets off can
+    // destroy the object again.
+    lua_pushnil(L);
+    lua_setmetatable(L, index);
+    object->~T();
     return 0;
   }
 };

@@ -35,7 +35,10 @@ const char* StringBytes(const Rt& rt, const boost::shared_ptr<ObjectRef>& arg, s
 // scripts doing byte arithmetic need not mask.
 std::string ByteArrayBytes(const Rt& rt, const boost::shared_ptr<TableRef>& array) {
   std::string bytes;
-  const long long length = array->Len();
+  // A "__len" metamethod may claim any length; the walk stops at the first
+  // hole all the same, so only the raw border is worth reserving for.
+  const long long length = std::min<long long>(
+      array->Len(), static_cast<long long>(lua_rawlen(rt->State(), array->StackIndex())));
   if (length > 0) bytes.reserve(static_cast<size_t>(length));
   TableRef::ConstArrayIterator element = array->ArrayIterator();
   while (element.Next()) {

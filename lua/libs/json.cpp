@@ -816,29 +816,39 @@ int OpenStorage(boost::shared_ptr<RunTime>& rt, const Args& args) {
   return 1;
 }
 
-utils::JsonPersistentStorage& StorageArg(boost::shared_ptr<RunTime>& rt, const Args& args, size_t count,
-                                         const char* usage) {
-  void* block = luaL_testudata(rt->State(), 1, kStorageMetatable);
-  if (block == nullptr) rt->Error("Bad argument: expected a json storage handle (call the method with ':')");
+// A copy of the handle's pointer: a script finalizer that the collector runs
+// during the method may release the handle, and the store must outlive the call.
+Storage StorageArg(boost::shared_ptr<RunTime>& rt, const Args& args, size_t count, const char* usage) {
+  lua_State* L = rt->State();
+  void* block = luaL_testudata(L, 1, kStorageMetatable);
+  if (block == nullptr || lua_rawlen(L, 1) != sizeof(Storage)) {
+    // Its finalizer detaches the metatable (debug.getmetatable lets a script call it).
+    if (lua_type(L, 1) == LUA_TUSERDATA && lua_getmetatable(L, 1) == 0) {
+      rt->Error("Bad argument: the json storage handle was already released");
+    }
+    rt->Error("Bad argument: expected a json storage handle (call the method with ':')");
+  }
   if (args.size() != count) rt->Error(std::string("Bad arguments, expected: ") + usage);
-  return **static_cast<Storage*>(block);
+  Storage storage = *static_cast<Storage*>(block);
+  if (!storage) rt->Error("Bad argument: the json storage handle was already released");
+  return storage;
 }
 
 int StorageGet(boost::shared_ptr<RunTime>& rt, const Args& args) {
-  utils::JsonPersistentStorage& storage = StorageArg(rt, args, 2, "(key)");
+  const Storage storage = StorageArg(rt, args, 2, "(key)");
   const std::string key = StringArg(rt, 2, "key");
   Json::Value value;
-  if (!storage.Get(key, &value)) return rt->NilResult();
+  if (!storage->Get(key, &value)) return rt->NilResult();
   rt->CreateAtStack(value);
   return 1;
 }
 
 int StorageSet(boost::shared_ptr<RunTime>& rt, const Args& args) {
-  utils::JsonPersistentStorage& storage = StorageArg(rt, args, 3, "(key, value)");
+  const Storage storage = StorageArg(rt, args, 3, "(key, value)");
   const std::string key = StringArg(rt, 2, "key");
   lua_State* L = rt->State();
   if (lua_isnil(L, 3)) {
-    storage.Remove(key);
+    storage->Remove(key);
     return rt->VoidResult();
   }
   // Through the text, so that a stored value follows json.encode's rules.
@@ -848,20 +858,20 @@ int StorageSet(boost::shared_ptr<RunTime>& rt, const Args& args) {
   Json::Value value;
   std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
   if (!reader->parse(text.data(), text.data() + text.size(), &value, &error)) rt->Error("json.storage: " + error);
-  storage.Set(key, value);
+  storage->Set(key, value);
   return rt->VoidResult();
 }
 
 int StorageRemove(boost::shared_ptr<RunTime>& rt, const Args& args) {
-  utils::JsonPersistentStorage& storage = StorageArg(rt, args, 2, "(key)");
-  const bool removed = storage.Remove(StringArg(rt, 2, "key"));
+  const Storage storage = StorageArg(rt, args, 2, "(key)");
+  const bool removed = storage->Remove(StringArg(rt, 2, "key"));
   lua_pushboolean(rt->State(), removed ? 1 : 0);
   return 1;
 }
 
 int StorageKeys(boost::shared_ptr<RunTime>& rt, const Args& args) {
-  utils::JsonPersistentStorage& storage = StorageArg(rt, args, 1, "()");
-  const std::vector<std::string> keys = storage.Keys();
+  const Storage storage = StorageArg(rt, args, 1, "()");
+  const std::vector<std::string> keys = storage->Keys();
   lua_State* L = rt->State();
   luaL_checkstack(L, 10, "json.storage");
   lua_createtable(L, static_cast<int>(keys.size()), 0);
@@ -880,30 +890,31 @@ int StorageKeys(boost::shared_ptr<RunTime>& rt, const Args& args) {
 }
 
 int StorageSave(boost::shared_ptr<RunTime>& rt, const Args& args) {
-  utils::JsonPersistentStorage& storage = StorageArg(rt, args, 1, "()");
+  const Storage storage = StorageArg(rt, args, 1, "()");
   std::string error;
-  if (!storage.Save(&error)) return PushFailure(rt->State(), error);
+  if (!storage->Save(&error)) return PushFailure(rt->State(), error);
   lua_pushboolean(rt->State(), 1);
   return 1;
 }
 
 int StorageReload(boost::shared_ptr<RunTime>& rt, const Args& args) {
-  utils::JsonPersistentStorage& storage = StorageArg(rt, args, 1, "()");
+  const Storage storage = StorageArg(rt, args, 1, "()");
   std::string error;
-  if (!storage.Reload(&error)) return PushFailure(rt->State(), error);
+  if (!storage->Reload(&error)) return PushFailure(rt->State(), error);
   lua_pushboolean(rt->State(), 1);
   return 1;
 }
 
 int StorageToString(boost::shared_ptr<RunTime>& rt, const Args& args) {
-  utils::JsonPersistentStorage& storage = StorageArg(rt, args, 1, "()");
-  const std::string text = "json.storage (" + storage.Path() + ")";
+  const Storage storage = StorageArg(rt, args, 1, "()");
+  const std::string text = "json.storage (" + storage->Path() + ")";
   lua_pushlstring(rt->State(), text.data(), text.size());
   return 1;
 }
 
 // The storage handles' metatable, once per runtime. "__metatable" keeps
-// scripts away from "__gc": a second call would destroy the store twice.
+// getmetatable away from "__gc"; debug.getmetatable still reaches it, which
+// the finalizer and StorageArg allow for.
 void CreateStorageMetatable(lua_State* L) {
   static const luaL_Reg kMethods[] = {
       {"get", WrapFunc<&StorageGet>},       {"set", WrapFunc<&StorageSet>},   {"remove", WrapFunc<&StorageRemove>},

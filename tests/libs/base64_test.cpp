@@ -75,6 +75,10 @@ TEST_F(Base64Lib, ArgumentErrorsUseTheirExactTexts) {
            {"base64.encode, 12", "Invalid argument: expected type 'array' or 'string'"},
            {"base64.encode, {1.5}", "Invalid array value"},
            {"base64.encode, {1, '2'}", "Invalid array value"},
+           // A length metamethod claiming more than the table holds reserves nothing for it.
+           {"base64.encode, setmetatable({1}, {__len = function() return 1 << 60 end})", "Invalid array value"},
+           {"base64.encode, setmetatable({}, {__len = function() return math.maxinteger end})",
+            "Invalid array value"},
            {"base64.decode", "Bad arguments, expected: (base64[, byte_array = false])"},
            {"base64.decode, 'a', true, 1", "Bad arguments, expected: (base64[, byte_array = false])"},
            {"base64.decode, 12", "Invalid argument: expected type 'string', got 'number'"},

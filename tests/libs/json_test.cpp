@@ -262,6 +262,12 @@ TEST_F(JsonLib, StorageKeepsValuesAcrossHandles) {
               HasSubstr("json.storage: cannot encode a function"));
   ASSERT_TRUE(utils::WriteFileAtomically(path, "[1, 2]"));
   EXPECT_THAT(Run("return json.storage(...)", path), ::testing::StartsWith("nil | "));
+  // debug.getmetatable reaches "__gc": a handle released by hand refuses its
+  // methods, and neither a second call nor the collector destroys it again.
+  EXPECT_EQ(Run("local s = json.storage(...) local keys, gc = s.keys, debug.getmetatable(s).__gc "
+                "gc(s) gc(s) gc(io.stdout) collectgarbage() return select(2, pcall(keys, s))",
+                dir_ + "/released.json"),
+            "Bad argument: the json storage handle was already released");
   // Handles die with the collector without harm.
   EXPECT_EQ(Run("for i = 1, 100 do json.storage(...) end collectgarbage() collectgarbage() return 'ok'",
                 dir_ + "/many.json"),

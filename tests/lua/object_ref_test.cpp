@@ -205,6 +205,11 @@ TEST(Iterators, ArrayWalkLeavesOneValuePerElement) {
   EXPECT_TRUE(lenWalk.Val()->IsNil());  // raw reads of the length __len reports
   EXPECT_TRUE(lenWalk.Next());
   EXPECT_FALSE(lenWalk.Next());
+
+  // The largest length a script can claim must not overflow the walk's end.
+  auto huge = Table(rt, "setmetatable({5}, {__len = function() return math.maxinteger end})")->ArrayIterator();
+  ASSERT_TRUE(huge.Next());
+  EXPECT_EQ(huge.Val()->AsInteger(), 5);
 }
 
 }  // namespace

@@ -206,6 +206,62 @@ TEST(Closures, CallTheirFunctionAndReleaseItWhenCollected) {
   EXPECT_EQ(counter.use_count(), 1);
 }
 
+// Scripts reach a closure's userdata (debug.getupvalue) and its "__gc"; none of
+// what they can do with them may destroy the function twice or call it dead.
+TEST(Closures, SurviveScriptsThatReleaseOrSwapTheirFunction) {
+  auto rt = RunTime::Create();
+  auto counter = std::make_shared<long long>(0);
+  auto make = [&](const std::string& name) {
+    RunTime::StackCleaner cleaner(rt);
+    lua::NativeFunction count = [counter](boost::shared_ptr<RunTime>& rt, const Args&) -> int {
+      rt->CreateAtStack(++*counter);
+      return 1;
+    };
+    rt->SetGlobalObject(name, rt->CreateAtStack(count));
+  };
+  make("released");
+  make("swapped");
+  rt->RunString("function release(f) local ud = select(2, debug.getupvalue(f, 1)) "
+                "debug.getmetatable(ud).__gc(ud) return ud end",
+                true);
+  EXPECT_EQ(counter.use_count(), 3);
+  EXPECT_EQ(Eval(rt, "local ud = release(released) "
+                     "return tostring(debug.getmetatable(ud))"),
+            "nil");
+  EXPECT_EQ(counter.use_count(), 2);
+  EXPECT_EQ(Eval(rt, "return select(2, pcall(released))"), "Cpp: native closure without its function");
+  // A released userdata, one of another kind and a non-userdata are left alone.
+  EXPECT_EQ(Eval(rt, "local gc = debug.getmetatable(select(2, debug.getupvalue(swapped, 1))).__gc "
+                     "gc(select(2, debug.getupvalue(released, 1))) gc(io.stdout) gc({}) return swapped()"),
+            "1");
+  EXPECT_EQ(Eval(rt, "debug.setupvalue(swapped, 1, io.stdout) return select(2, pcall(swapped))"),
+            "Cpp: native closure without its function");
+  rt->RunString("released, swapped = nil", true);
+  rt->CollectGarbage();
+  EXPECT_EQ(counter.use_count(), 1);
+  EXPECT_EQ(Eval(rt, "return 'usable'"), "usable");
+}
+
+// A closure that calls back into the script must not be destroyed under it.
+TEST(Closures, CannotBeReleasedWhileRunning) {
+  auto rt = RunTime::Create();
+  auto alive = std::make_shared<int>(7);
+  {
+    RunTime::StackCleaner cleaner(rt);
+    lua::NativeFunction callBack = [alive](boost::shared_ptr<RunTime>& rt, const Args& args) -> int {
+      rt->RunFunc(args[0], {});
+      rt->CreateAtStack(static_cast<long long>(*alive));
+      return 1;
+    };
+    rt->SetGlobalObject("callback", rt->CreateAtStack(callBack));
+  }
+  EXPECT_EQ(Eval(rt, "local ud = select(2, debug.getupvalue(callback, 1)) "
+                     "local ok, err = pcall(callback, function() debug.getmetatable(ud).__gc(ud) end) "
+                     "return tostring(ok) .. ' ' .. err:match('Cannot release[^\\n]*') .. ' ' .. callback(print)"),
+            "false Cannot release an object while it runs 7");
+  EXPECT_EQ(alive.use_count(), 2);
+}
+
 TEST(ResultHelpers, EmptyStringsAndTablesBecomeNil) {
   auto rt = RunTime::Create();
   Expose(rt, "result", WrapFunc<&Result>);
