@@ -149,6 +149,8 @@ TEST_F(HttpRequest, SendsWhatTheParametersAsk) {
   EXPECT_EQ(body_.find("999"), std::string::npos);
   EXPECT_EQ(body_.substr(body_.size() - 100000), params.body);
 
+  EXPECT_EQ(utils::PerformHttpRequest("GET / HTTP/1.1\r\nX:", peer_->Url("/echo"), params, &body_, &response_),
+            utils::HttpRequestFailed);
   params.headers.AddValue("X-Bad", "a\r\nInjected: 1");
   EXPECT_EQ(utils::PerformHttpRequest("POST", peer_->Url("/echo"), params, &body_, &response_),
             utils::HttpRequestFailed);

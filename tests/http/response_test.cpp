@@ -12,7 +12,7 @@ bool Parse(const std::string& head, utils::HttpResponse* response) {
 
 TEST(ResponseHead, ReadsStatusLineAndHeadersInWireOrder) {
   utils::HttpResponse response;
-  ASSERT_TRUE(Parse("HTTP/1.0 404 Not  Found\r\nA: 1\r\nSet-Cookie: x=1\r\nno colon\r\n"
+  ASSERT_TRUE(Parse("HTTP/1.0 404 Not  Found\r\nA: 1\r\nSet-Cookie: x=1\r\nno colon\r\nbare\rcr: z\r\n"
                     "Set-Cookie:x=2 \r\nFolded: a\r\n  b\r\n\tc\r\n\r\n",
                     &response));
   EXPECT_EQ(response.StatusCode, 404);

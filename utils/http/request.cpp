@@ -113,6 +113,16 @@ bool IsSafeHeaderText(const std::string& text) {
   return text.find_first_of("\r\n", 0) == std::string::npos && text.find('\0') == std::string::npos;
 }
 
+// The method is a token (RFC 7230 sections 3.1.1 and 3.2.6); anything else
+// could split the request line.
+bool IsToken(const std::string& text) {
+  static const std::string kDelimiters = "\"(),/:;<=>?@[\\]{}";
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+    const unsigned char u = static_cast<unsigned char>(c);
+    return u > 0x20 && u < 0x7f && kDelimiters.find(c) == std::string::npos;
+  });
+}
+
 bool IsMethodWithBody(const std::string& method) {
   return method == "POST" || method == "PUT" || method == "PATCH";
 }
@@ -408,6 +418,7 @@ int PerformHttpRequest(BaseSocketClient* client, const std::string& method, cons
   output->clear();
   response->Clear();
   if (client == nullptr) return HttpRequestFailed;
+  if (!IsToken(method)) return Fail("invalid request method");
 
   Target target;
   if (!ParseTarget(url, &target)) return Fail("unsupported or malformed URL");

@@ -1,5 +1,7 @@
 #include "utils/http/response.h"
 
+#include <algorithm>
+
 #include "utils/http/framing.h"
 
 namespace utils {
@@ -80,7 +82,13 @@ bool ParseHttpResponseHead(const char* begin, const char* end, HttpResponse* res
     while (colon < contentEnd && *colon != ':') ++colon;
     if (colon == contentEnd) continue;
     name = TrimBlanks(line, colon);
-    if (name.empty()) continue;
+    // A field name is a token (RFC 7230 section 3.2): a line whose name holds a
+    // control byte, such as a bare CR, is not a header and is skipped.
+    if (name.empty() || std::any_of(name.begin(), name.end(), [](char c) {
+          return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+        })) {
+      continue;
+    }
     value = TrimBlanks(colon + 1, contentEnd);
     pending = true;
   }
