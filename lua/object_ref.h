@@ -185,8 +185,13 @@ template <class Val>
 void TableRef::Append(const Val& value) const {
   const int table = TableIndex();
   const boost::shared_ptr<RunTime>& rt = GetRunTime();
+  // A script's __len may claim any length; past the last integer there is no slot.
+  const long long length = Len();
+  if (length == std::numeric_limits<long long>::max()) {
+    throw RunTimeError("Append(): table length leaves no room");
+  }
   rt->CreateAtStack(value);
-  lua_seti(rt->State(), table, Len() + 1);
+  lua_seti(rt->State(), table, length + 1);
 }
 
 template <class Key>

@@ -206,10 +206,13 @@ TEST(Iterators, ArrayWalkLeavesOneValuePerElement) {
   EXPECT_TRUE(lenWalk.Next());
   EXPECT_FALSE(lenWalk.Next());
 
-  // The largest length a script can claim must not overflow the walk's end.
-  auto huge = Table(rt, "setmetatable({5}, {__len = function() return math.maxinteger end})")->ArrayIterator();
+  // The largest length a script can claim must not overflow the walk's end,
+  // nor the slot that Append writes.
+  auto hugeTable = Table(rt, "setmetatable({5}, {__len = function() return math.maxinteger end})");
+  auto huge = hugeTable->ArrayIterator();
   ASSERT_TRUE(huge.Next());
   EXPECT_EQ(huge.Val()->AsInteger(), 5);
+  EXPECT_EQ(ThrownText([&] { hugeTable->Append(1); }), "Append(): table length leaves no room");
 }
 
 }  // namespace
