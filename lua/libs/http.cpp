@@ -4,7 +4,6 @@
 // lua::RunTime::Cancel.
 #include <algorithm>
 #include <climits>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -20,7 +19,6 @@
 #include "utils/http/request.h"
 #include "utils/net/base_socket_client.h"
 #include "utils/net_proxy_info.h"
-#include "utils/noncopyable.h"
 #include "utils/url.h"
 
 namespace lua {
@@ -177,39 +175,10 @@ void PushHeaders(lua_State* L, const utils::StringPairList& headers) {
   }
 }
 
-// A client per call would cost a pipe and four system calls, a fair share of
-// a small request, so each thread keeps one. A nested call (say, from a
-// logger that sends records over HTTP) makes its own.
-class ThreadClient : private utils::Noncopyable {
- public:
-  ThreadClient() : owner_(!busy_) {
-    if (owner_) {
-      busy_ = true;
-    } else {
-      own_.reset(new utils::BaseSocketClient());
-    }
-  }
-  ~ThreadClient() {
-    if (owner_) busy_ = false;
-  }
-  utils::BaseSocketClient& Get() { return own_ ? *own_ : Shared(); }
-
- private:
-  static utils::BaseSocketClient& Shared() {
-    thread_local utils::BaseSocketClient client;
-    return client;
-  }
-  static thread_local bool busy_;
-  bool owner_;
-  std::unique_ptr<utils::BaseSocketClient> own_;
-};
-
-thread_local bool ThreadClient::busy_ = false;
-
 int Perform(Rt& rt, const Request& request, const char* functionName) {
   std::string output;
   utils::HttpResponse response;
-  ThreadClient threadClient;
+  utils::ThreadHttpClient threadClient;
   utils::BaseSocketClient& client = threadClient.Get();
   // Set by the canceller under the runtime's cancel lock; read only once the
   // wait is gone and no canceller can run any more.

@@ -387,25 +387,37 @@ class ConnectionGuard {
 
 }  // namespace
 
+namespace {
+
+thread_local bool threadClientBusy = false;
+
+BaseSocketClient& SharedThreadClient() {
+  thread_local BaseSocketClient client;
+  return client;
+}
+
+}  // namespace
+
+ThreadHttpClient::ThreadHttpClient() : owner_(!threadClientBusy) {
+  if (owner_) {
+    threadClientBusy = true;
+  } else {
+    own_.reset(new BaseSocketClient());
+  }
+}
+
+ThreadHttpClient::~ThreadHttpClient() {
+  if (owner_) threadClientBusy = false;
+}
+
+BaseSocketClient& ThreadHttpClient::Get() { return own_ ? *own_ : SharedThreadClient(); }
+
 int PerformHttpRequest(const std::string& method, const std::string& url,
                        const HttpRequestParams& params, std::string* output,
                        HttpResponse* response) {
-  // Making a client costs a pipe and four system calls, a fair share of a
-  // small request. Nothing else can reach this thread's client, so no cancel
-  // can be pending in it, and every call leaves it closed: it serves the
-  // thread's next call as good as new. A nested call (say, from a logger that
-  // sends records over HTTP) makes its own.
-  thread_local BaseSocketClient client;
-  thread_local bool busy = false;
-  if (busy) {
-    BaseSocketClient own;
-    return PerformHttpRequest(&own, method, url, params, output, response);
-  }
-  busy = true;
-  struct Release {
-    ~Release() { busy = false; }
-  } release;
-  return PerformHttpRequest(&client, method, url, params, output, response);
+  // Nothing else can reach this thread's client, so no cancel can be pending in it.
+  ThreadHttpClient client;
+  return PerformHttpRequest(&client.Get(), method, url, params, output, response);
 }
 
 int PerformHttpRequest(BaseSocketClient* client, const std::string& method, const std::string& url,
