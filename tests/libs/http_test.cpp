@@ -1,5 +1,6 @@
 // The http script library through the real runtime, against the scripted
 // Python peer, nginx and tinyproxy.
+#include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -15,23 +16,19 @@ class HttpLib : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     lua::RegisterHttpLib();
-    dir_ = new nettest::TempDir;
-    site_ = new httptest::NginxSite(dir_->Path());
-    peer_ = new httptest::PythonPeer(dir_->Path());
+    servers_ = std::make_unique<httptest::Servers>();
   }
   static void TearDownTestSuite() {
-    delete peer_;
-    delete site_;
-    delete dir_;
+    servers_.reset();
   }
   void SetUp() override { rt_ = lua::RunTime::Create(); }
 
   // Runs the script with PEER and NGINX replaced by the servers' base URLs;
   // returns its first result as text, or the error text.
   std::string Run(std::string code) {
-    for (auto [name, base] : {std::pair<std::string, std::string>{"PEER", peer_->Url("")},
-                              {"NGINX", site_->HttpUrl("")},
-                              {"SECURE", site_->HttpsUrl("127.0.0.1", "")}}) {
+    for (auto [name, base] : {std::pair<std::string, std::string>{"PEER", servers_->peer.Url("")},
+                              {"NGINX", servers_->site.HttpUrl("")},
+                              {"SECURE", servers_->site.HttpsUrl("127.0.0.1", "")}}) {
       for (size_t at; (at = code.find(name)) != std::string::npos;) code.replace(at, name.size(), base);
     }
     const int top = rt_->StackTopIndex();
@@ -53,15 +50,11 @@ class HttpLib : public ::testing::Test {
                ") return tostring(ok) .. ': ' .. tostring(e)");
   }
 
-  static nettest::TempDir* dir_;
-  static httptest::NginxSite* site_;
-  static httptest::PythonPeer* peer_;
+  static std::unique_ptr<httptest::Servers> servers_;
   boost::shared_ptr<lua::RunTime> rt_;
 };
 
-nettest::TempDir* HttpLib::dir_;
-httptest::NginxSite* HttpLib::site_;
-httptest::PythonPeer* HttpLib::peer_;
+std::unique_ptr<httptest::Servers> HttpLib::servers_;
 
 // Each script returns the echoed request, so the checks see what was sent.
 TEST_F(HttpLib, AcceptDefaultOnlyWhenOptionsIsATable) {
@@ -139,7 +132,7 @@ TEST_F(HttpLib, TransportFailuresGiveFalseAndBadArgumentsRaise) {
 }
 
 TEST_F(HttpLib, ProxyTableIsHonoured) {
-  nettest::Tinyproxy proxy(dir_->Path(), {site_->HttpsPort()});
+  nettest::Tinyproxy proxy(servers_->dir.Path(), {servers_->site.HttpsPort()});
   EXPECT_EQ(Run("local ok, r = http.get{url = 'NGINX/files/65536', proxy = {host = '127.0.0.1', port = " +
                 std::to_string(proxy.Port()) + ", protocol = 'http'}} return #r.output"),
             "65536");

@@ -42,4 +42,12 @@ class NginxSite {
   std::unique_ptr<nettest::Nginx> nginx_;
 };
 
+// Everything a suite of HTTP tests talks to, in one scratch directory; made
+// once per suite and torn down in reverse order.
+struct Servers {
+  nettest::TempDir dir;
+  NginxSite site{dir.Path()};
+  PythonPeer peer{dir.Path()};
+};
+
 }  // namespace httptest
