@@ -11,7 +11,7 @@ CMAKE_ARGS ?=
 
 CTEST = ctest --output-on-failure --no-tests=error -j $(JOBS)
 
-.PHONY: all deps configure build run test test-main test-sanitize test-tsan bench fuzz clean
+.PHONY: all deps configure build run package test test-main test-sanitize test-tsan bench fuzz clean
 
 all: build
 
@@ -28,6 +28,11 @@ build: deps configure
 
 run: build
 	@scripts/run-example $(BUILD)
+
+# Debian packages (libcorvane0, libcorvane-dev, corvane, and their -dbgsym
+# debug information) in $(BUILD)/packages.
+package: build
+	cd $(BUILD) && cpack -G DEB -B packages
 
 test: test-main test-sanitize test-tsan
 

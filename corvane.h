@@ -1,5 +1,8 @@
-// corvane: everything a host needs, in one include.
+// corvane: everything a host needs, in one include: #include <corvane/corvane.h>
+// with <prefix>/include on the include path.
 #pragma once
+
+#include "corvane/version.h"
 
 #include "zullog/zullog.h"
 #include "lua/global_lib.h"

@@ -13,7 +13,7 @@
 #include <boost/shared_ptr.hpp>
 #include <lua.hpp>
 
-#include "lua/runtime.h"
+#include "runtime.h"
 
 namespace lua {
 

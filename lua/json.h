@@ -17,8 +17,8 @@
 
 #include <boost/shared_ptr.hpp>
 
-#include "lua/object_ref.h"
-#include "lua/runtime.h"
+#include "object_ref.h"
+#include "runtime.h"
 
 namespace lua {
 

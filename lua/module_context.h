@@ -15,11 +15,11 @@
 
 #include <boost/shared_ptr.hpp>
 
-#include "lua/object_ref.h"
-#include "lua/runtime.h"
-#include "utils/files.h"
-#include "utils/noncopyable.h"
-#include "utils/thread_mutex.h"
+#include "object_ref.h"
+#include "runtime.h"
+#include "../utils/files.h"
+#include "../utils/noncopyable.h"
+#include "../utils/thread_mutex.h"
 
 namespace lua {
 

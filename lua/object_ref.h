@@ -12,8 +12,8 @@
 #include <json/value.h>
 #include <lua.hpp>
 
-#include "lua/runtime.h"
-#include "utils/noncopyable.h"
+#include "runtime.h"
+#include "../utils/noncopyable.h"
 
 namespace lua {
 

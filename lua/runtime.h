@@ -20,7 +20,7 @@
 #include <json/value.h>
 #include <lua.hpp>
 
-#include "utils/noncopyable.h"
+#include "../utils/noncopyable.h"
 
 namespace lua {
 

@@ -1,5 +1,10 @@
-# Installs the build into a scratch prefix, then configures, builds and runs
-# examples/host against it the way a user's project would.
+# Builds and runs every program of examples/ against a copy of the library
+# that was moved away from where it was configured, the way a user would:
+#   MODE=prefix  cmake --install into a scratch prefix; examples/ through
+#                find_package, the host also through pkg-config.
+#   MODE=deb     the Debian packages made by cpack, unpacked with dpkg -x into a
+#                scratch root; the host through find_package and pkg-config, the
+#                runner from its package; the library must carry no debug info.
 file(REMOVE_RECURSE ${WORK_DIR})
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
@@ -8,15 +13,81 @@ function(run)
   endif()
   set(last_output "${out}" PARENT_SCOPE)
 endfunction()
-run(${CMAKE_COMMAND} --install ${BINARY_DIR} --prefix ${WORK_DIR}/prefix)
-foreach(f lib/libcorvane.so include/corvane/corvane.h lib/cmake/corvane/corvane-config.cmake
-          lib/pkgconfig/corvane.pc)
-  if(NOT EXISTS ${WORK_DIR}/prefix/${f})
-    message(FATAL_ERROR "not installed: ${f}")
+
+# What each example prints (a regular expression).
+set(expect_host "^\\{\"greeting\":\"hello, world\"\\}\nHELLO, WORLD! HELLO, WORLD! \\(12 letters\\)\n$")
+set(expect_json_results "^\\{\"extra\":\\{\\},\"id\":42,\"names\":\\[\"tea\",\"cake\"\\],\"notes\":\\[\\],\"tags\":\\[\\],\"total\":10.0\\}\n")
+set(expect_native "^distance 5, calls 2, error: expected 4 args\nbuilt against corvane ${VERSION}\n$")
+set(expect_threads "^4 threads saw the new script, 0 errors\n$")
+set(expect_http_cancel "^script returned: false, http.get: canceled by the host\ncancelled in time\n$")
+
+function(check_example program name)
+  run(${CMAKE_COMMAND} -E env ${run_env} ${program})
+  if(NOT last_output MATCHES "${expect_${name}}")
+    message(FATAL_ERROR "${name} printed:\n${last_output}")
   endif()
-endforeach()
-run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples/host -B ${WORK_DIR}/build -G Ninja
-    -DCMAKE_PREFIX_PATH=${WORK_DIR}/prefix)
-run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
-run(${WORK_DIR}/build/host)
-message(STATUS "host printed: ${last_output}")
+endfunction()
+
+# The examples through find_package (all of them, or only `targets`), and the
+# host compiled by hand with pkg-config's flags.
+function(build_examples prefix pc_dir targets)
+  run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples -B ${WORK_DIR}/examples -G Ninja
+      -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release)
+  run(${CMAKE_COMMAND} --build ${WORK_DIR}/examples ${targets})
+  foreach(name host json_results native threads http_cancel)
+    if(EXISTS ${WORK_DIR}/examples/${name})
+      check_example(${WORK_DIR}/examples/${name} ${name})
+    endif()
+  endforeach()
+  run(${CMAKE_COMMAND} -E env PKG_CONFIG_PATH=${pc_dir} pkg-config --cflags --libs corvane)
+  separate_arguments(flags UNIX_COMMAND "${last_output}")
+  run(c++ -std=c++17 ${SOURCE_DIR}/examples/host/main.cpp ${flags} -o ${WORK_DIR}/host-pkg-config)
+  set(run_env LD_LIBRARY_PATH=${prefix}/lib)
+  check_example(${WORK_DIR}/host-pkg-config host)
+endfunction()
+
+if(MODE STREQUAL "prefix")
+  set(prefix ${WORK_DIR}/prefix)
+  run(${CMAKE_COMMAND} --install ${BINARY_DIR} --prefix ${prefix})
+  foreach(f lib/libcorvane.so include/corvane/corvane.h include/corvane/version.h
+            lib/cmake/corvane/corvane-config.cmake lib/pkgconfig/corvane.pc)
+    if(NOT EXISTS ${prefix}/${f})
+      message(FATAL_ERROR "not installed: ${f}")
+    endif()
+  endforeach()
+  # Generic names such as utils/ must not land on a host's include path.
+  file(GLOB top RELATIVE ${prefix}/include ${prefix}/include/*)
+  if(NOT top STREQUAL "corvane")
+    message(FATAL_ERROR "include/ holds more than corvane/: ${top}")
+  endif()
+  build_examples(${prefix} ${prefix}/lib/pkgconfig "")
+elseif(MODE STREQUAL "deb")
+  run(cpack -G DEB -B ${WORK_DIR}/packages --config ${BINARY_DIR}/CPackConfig.cmake)
+  file(GLOB debs ${WORK_DIR}/packages/*.deb)
+  file(GLOB dbgsyms ${WORK_DIR}/packages/*-dbgsym_*.ddeb)
+  list(LENGTH debs deb_count)
+  list(LENGTH dbgsyms dbgsym_count)
+  if(NOT deb_count EQUAL 3 OR NOT dbgsym_count EQUAL 2)
+    message(FATAL_ERROR "expected 3 packages and 2 debug packages: ${debs} ${dbgsyms}")
+  endif()
+  foreach(deb ${debs})
+    run(dpkg-deb -f ${deb} Package Depends)
+    if(NOT last_output MATCHES "Depends: [^\n]*lib")
+      message(FATAL_ERROR "no dependencies declared: ${last_output}")
+    endif()
+    run(dpkg -x ${deb} ${WORK_DIR}/root)
+  endforeach()
+  set(prefix ${WORK_DIR}/root/usr)
+  file(GLOB library ${prefix}/lib/libcorvane.so.*.*)
+  run(readelf -S ${library})
+  if(last_output MATCHES "debug_info")
+    message(FATAL_ERROR "the packaged library keeps its debug information")
+  endif()
+  run(${prefix}/bin/corvane eval "return json.encode(json.array())")
+  if(NOT last_output STREQUAL "[\"[]\"]\n")
+    message(FATAL_ERROR "the packaged runner printed: ${last_output}")
+  endif()
+  build_examples(${prefix} ${prefix}/lib/pkgconfig "--target;host")
+else()
+  message(FATAL_ERROR "MODE must be prefix or deb")
+endif()

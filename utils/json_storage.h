@@ -7,8 +7,8 @@
 
 #include <json/value.h>
 
-#include "utils/noncopyable.h"
-#include "utils/thread_mutex.h"
+#include "noncopyable.h"
+#include "thread_mutex.h"
 
 namespace utils {
 

@@ -11,7 +11,7 @@
 #include <ostream>
 #include <string>
 
-#include "zullog/zullog.h"
+#include "../zullog/zullog.h"
 
 namespace utils {
 

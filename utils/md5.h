@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "utils/noncopyable.h"
+#include "noncopyable.h"
 
 namespace utils {
 

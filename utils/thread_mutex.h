@@ -3,7 +3,7 @@
 
 #include <mutex>
 
-#include "utils/noncopyable.h"
+#include "noncopyable.h"
 
 namespace utils {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "utils/net_proxy_info.h"
+#include "net_proxy_info.h"
 
 namespace utils {
 

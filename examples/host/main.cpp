@@ -3,14 +3,16 @@
 #include <exception>
 #include <iostream>
 
-#include "corvane.h"
+#include <corvane/corvane.h>
 
 int main() {
   try {
+    lua::RegisterAllLibs();  // cv, http, json, xml, base64 for every runtime made after this
     boost::shared_ptr<lua::RunTime> rt = lua::RunTime::Create();
     lua::RunTime::StackCleaner cleaner(rt);  // pops every value made below
     rt->RunString("greeting = 'hello, ' .. init_data[1] "
-                  "function shout(text, times) return (text:upper() .. '! '):rep(times), #text end",
+                  "function shout(text, times) return (text:upper() .. '! '):rep(times), #text end "
+                  "print(json.encode({greeting = greeting}))",
                   {rt->CreateAtStack("world")}, false);
     auto results = rt->RunFunc("shout", {rt->GetGlobalObject("greeting"), rt->CreateAtStack(2)});
     std::cout << results[0]->AsString() << "(" << results[1]->AsInteger() << " letters)\n";

@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <string>
 
-#include "utils/net/cancellable_client.h"
+#include "../net/cancellable_client.h"
 
 namespace utils {
 

@@ -8,12 +8,12 @@
 #include <memory>
 #include <string>
 
-#include "utils/http/response.h"
-#include "utils/net/address_info.h"
-#include "utils/net/base_socket_client.h"
-#include "utils/net_proxy_info.h"
-#include "utils/noncopyable.h"
-#include "utils/string_pair_list.h"
+#include "response.h"
+#include "../net/address_info.h"
+#include "../net/base_socket_client.h"
+#include "../net_proxy_info.h"
+#include "../noncopyable.h"
+#include "../string_pair_list.h"
 
 namespace utils {
 

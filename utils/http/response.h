@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "utils/string_pair_list.h"
+#include "../string_pair_list.h"
 
 namespace utils {
 

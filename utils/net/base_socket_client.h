@@ -7,10 +7,10 @@
 #include <memory>
 #include <string>
 
-#include "utils/net/address_info.h"
-#include "utils/net/cancellable_client.h"
-#include "utils/net/tls.h"
-#include "zullog/zullog.h"
+#include "address_info.h"
+#include "cancellable_client.h"
+#include "tls.h"
+#include "../../zullog/zullog.h"
 
 namespace utils {
 

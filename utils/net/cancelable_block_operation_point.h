@@ -4,7 +4,7 @@
 // kept for the next wait or sleep.
 #pragma once
 
-#include "utils/noncopyable.h"
+#include "../noncopyable.h"
 
 namespace utils {
 namespace impl {

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 
-#include "utils/noncopyable.h"
+#include "../noncopyable.h"
 
 namespace utils {
 

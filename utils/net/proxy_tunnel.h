@@ -5,8 +5,8 @@
 
 #include <string>
 
-#include "utils/net/cancellable_client.h"
-#include "utils/net_proxy_info.h"
+#include "cancellable_client.h"
+#include "../net_proxy_info.h"
 
 namespace utils {
 

@@ -9,9 +9,9 @@
 #include <memory>
 #include <string>
 
-#include "utils/net/tls.h"
-#include "utils/noncopyable.h"
-#include "zullog/zullog.h"
+#include "tls.h"
+#include "../noncopyable.h"
+#include "../../zullog/zullog.h"
 
 struct sockaddr;
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <utility>
 
-#include "zullog/zullog.h"
+#include "../../zullog/zullog.h"
 
 struct ssl_st;
 struct ssl_ctx_st;
