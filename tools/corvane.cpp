@@ -1,7 +1,11 @@
-// corvane: runs a script file or a chunk of code with every library
-// registered and prints its results (or those of one of its functions) as one
-// JSON array. Errors go to standard error with exit status 1; bad usage exits
-// with status 2.
+// corvane: runs a script file, standard input or a chunk of code with every
+// library registered and prints its results (or those of one of its
+// functions) as one JSON array. Errors go to standard error with exit status
+// 1; bad usage exits with status 2.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <iostream>
@@ -13,6 +17,7 @@
 #include <json/value.h>
 #include <lua.hpp>
 
+#include "corvane/version.h"
 #include "lua/json.h"
 #include "lua/libs/libs.h"
 #include "lua/module_context.h"
@@ -24,27 +29,47 @@ namespace {
 
 const char kUsage[] =
     "Usage:\n"
-    "  corvane run SCRIPT [--args JSON] [--call FUNCTION [--call-args JSON_ARRAY]]\n"
-    "  corvane eval CODE [--args JSON]\n"
+    "  corvane run SCRIPT|- [OPTIONS] [-- ARG...]\n"
+    "  corvane eval CODE [OPTIONS] [-- ARG...]\n"
+    "  corvane -e CODE [OPTIONS] [-- ARG...]\n"
     "  corvane --version | --help\n"
     "\n"
-    "Runs SCRIPT (or CODE) with every library registered. --args, an object or\n"
-    "an array (default {}), becomes the script's init_data. With --call, the\n"
-    "script is loaded and then FUNCTION is called with the elements of\n"
-    "--call-args (default []) as its arguments. The results are printed as one\n"
-    "JSON array. Errors exit with status 1, bad usage with status 2.\n";
+    "Runs SCRIPT (or CODE; '-' reads the script from standard input) with every\n"
+    "library registered and prints its results as one JSON array on standard\n"
+    "output. The ARGs after '--' reach the script as the global table arg\n"
+    "(arg[0] is the script's name, arg[1] the first ARG), as with lua.\n"
+    "\n"
+    "Options:\n"
+    "  --args JSON            an object or array (default {}): the script's init_data\n"
+    "  --call FUNCTION        (run only) load the script, then call FUNCTION and print\n"
+    "                         its results instead\n"
+    "  --call-args JSON_ARRAY (run only) FUNCTION's arguments (default [])\n"
+    "  --quiet                print no results\n"
+    "  --json-only            keep standard output for the results: print and\n"
+    "                         everything else the script writes there go to\n"
+    "                         standard error\n"
+    "\n"
+    "When neither CORVANE_OPENSSL_CA_FILE nor CORVANE_OPENSSL_CA_PATH is set, the\n"
+    "runner sets CORVANE_OPENSSL_CA_PATH=/etc/ssl/certs, the system's CA store, so\n"
+    "that HTTPS works. Errors exit with status 1, bad usage with status 2.\n";
 
 constexpr int kFailed = 1;
 constexpr int kBadUsage = 2;
+// A script read from standard input is kept whole in memory.
+constexpr size_t kMaxStdinScriptBytes = size_t{64} << 20;
+const char kSystemCaPath[] = "/etc/ssl/certs";
 
 struct Options {
   std::string command;  // "run" or "eval"
-  std::string target;   // the script's path or the code
+  std::string target;   // the script's path, "-", or the code
   Json::Value args{Json::objectValue};
   std::string function;
   Json::Value callArgs{Json::arrayValue};
   bool hasCall = false;
   bool hasCallArgs = false;
+  bool quiet = false;
+  bool jsonOnly = false;
+  std::vector<std::string> scriptArgs;  // after "--"
 };
 
 class UsageError : public std::runtime_error {
@@ -64,10 +89,41 @@ Json::Value ParseJsonOption(const std::string& option, const std::string& text) 
   return value;
 }
 
+// One row per option: its name, whether it takes a value, whether only "run"
+// accepts it, and what it sets.
+struct OptionSpec {
+  const char* name;
+  bool takesValue;
+  bool runOnly;
+  void (*apply)(Options& options, const std::string& value);
+};
+
+const OptionSpec kOptions[] = {
+    {"--args", true, false,
+     [](Options& o, const std::string& value) {
+       o.args = ParseJsonOption("--args", value);
+       if (!o.args.isObject() && !o.args.isArray()) throw UsageError("--args must be an object or an array");
+     }},
+    {"--call", true, true,
+     [](Options& o, const std::string& value) {
+       o.function = value;
+       o.hasCall = true;
+     }},
+    {"--call-args", true, true,
+     [](Options& o, const std::string& value) {
+       o.callArgs = ParseJsonOption("--call-args", value);
+       if (!o.callArgs.isArray()) throw UsageError("--call-args must be an array");
+       o.hasCallArgs = true;
+     }},
+    {"--quiet", false, false, [](Options& o, const std::string&) { o.quiet = true; }},
+    {"--json-only", false, false, [](Options& o, const std::string&) { o.jsonOnly = true; }},
+};
+
 Options ParseCommandLine(int argc, char** argv) {
   Options options;
   if (argc < 2) throw UsageError("a command is missing");
   options.command = argv[1];
+  if (options.command == "-e") options.command = "eval";
   if (options.command != "run" && options.command != "eval") {
     throw UsageError("unknown command '" + options.command + "'");
   }
@@ -75,32 +131,58 @@ Options ParseCommandLine(int argc, char** argv) {
   options.target = argv[2];
   for (int i = 3; i < argc; ++i) {
     std::string name = argv[i];
+    if (name == "--") {
+      options.scriptArgs.assign(argv + i + 1, argv + argc);
+      break;
+    }
     std::string value;
+    bool hasValue = false;
     const size_t equals = name.find('=');
     if (name.compare(0, 2, "--") == 0 && equals != std::string::npos) {
       value = name.substr(equals + 1);
       name.erase(equals);
-    } else if (i + 1 < argc) {
+      hasValue = true;
+    }
+    const OptionSpec* spec = nullptr;
+    for (const OptionSpec& candidate : kOptions) {
+      if (name == candidate.name && (!candidate.runOnly || options.command == "run")) spec = &candidate;
+    }
+    if (spec == nullptr) throw UsageError("unknown option '" + name + "'");
+    if (spec->takesValue && !hasValue) {
+      if (i + 1 >= argc) throw UsageError(name + " needs a value");
       value = argv[++i];
-    } else {
-      throw UsageError(name.compare(0, 2, "--") == 0 ? name + " needs a value" : "unexpected '" + name + "'");
+    } else if (!spec->takesValue && hasValue) {
+      throw UsageError(name + " takes no value");
     }
-    if (name == "--args") {
-      options.args = ParseJsonOption(name, value);
-      if (!options.args.isObject() && !options.args.isArray()) throw UsageError("--args must be an object or an array");
-    } else if (name == "--call" && options.command == "run") {
-      options.function = value;
-      options.hasCall = true;
-    } else if (name == "--call-args" && options.command == "run") {
-      options.callArgs = ParseJsonOption(name, value);
-      if (!options.callArgs.isArray()) throw UsageError("--call-args must be an array");
-      options.hasCallArgs = true;
-    } else {
-      throw UsageError("unknown option '" + name + "'");
-    }
+    spec->apply(options, value);
   }
   if (options.hasCallArgs && !options.hasCall) throw UsageError("--call-args needs --call");
   return options;
+}
+
+// TLS needs a trust store, and the library deliberately knows none; a user of
+// the command line expects the system's.
+void DefaultCaLocation() {
+  const char* file = std::getenv("CORVANE_OPENSSL_CA_FILE");
+  const char* path = std::getenv("CORVANE_OPENSSL_CA_PATH");
+  if ((file == nullptr || *file == '\0') && (path == nullptr || *path == '\0')) {
+    setenv("CORVANE_OPENSSL_CA_PATH", kSystemCaPath, 1);
+  }
+}
+
+std::string ReadStdin() {
+  std::string text;
+  char buffer[65536];
+  size_t got = 0;
+  while ((got = std::fread(buffer, 1, sizeof buffer, stdin)) > 0) {
+    if (text.size() + got > kMaxStdinScriptBytes) {
+      throw std::runtime_error("the script on standard input is larger than " +
+                               std::to_string(kMaxStdinScriptBytes) + " bytes");
+    }
+    text.append(buffer, got);
+  }
+  if (std::ferror(stdin)) throw std::runtime_error("cannot read the script from standard input");
+  return text;
 }
 
 Json::Value ToJsonArray(const std::vector<boost::shared_ptr<lua::ObjectRef>>& results) {
@@ -109,10 +191,27 @@ Json::Value ToJsonArray(const std::vector<boost::shared_ptr<lua::ObjectRef>>& re
   return array;
 }
 
-Json::Value Run(const Options& options) {
+// The globals a script starts with: init_data and arg. Leaves the stack as it was.
+void SetScriptGlobals(const boost::shared_ptr<lua::RunTime>& rt, const Options& options, const std::string& name) {
+  lua::RunTime::StackCleaner cleaner(rt);
+  const boost::shared_ptr<lua::TableRef> arg = rt->CreateTableAtStack();
+  arg->Set(0LL, name);
+  long long index = 0;
+  for (const std::string& value : options.scriptArgs) arg->Set(++index, value);
+  rt->SetGlobalObject("arg", arg);
+}
+
+Json::Value CallFunction(const boost::shared_ptr<lua::RunTime>& rt, const Options& options) {
+  std::vector<boost::shared_ptr<lua::ObjectRef>> args;
+  for (const Json::Value& arg : options.callArgs) args.push_back(rt->CreateAtStack(arg));
+  return ToJsonArray(rt->RunFunc(options.function, args));
+}
+
+Json::Value RunFile(const Options& options) {
   const std::shared_ptr<lua::LuaModuleContext> context = lua::LuaModuleContext::Create(options.target, false);
   context->SetPreLoadCallback(
       [&options](boost::shared_ptr<lua::RunTime>& rt, boost::shared_ptr<lua::TableRef>& args) {
+        SetScriptGlobals(rt, options, options.target);
         args = rt->CreateAtStack(options.args)->AsTableRef();
       });
   Json::Value results;
@@ -125,27 +224,35 @@ Json::Value Run(const Options& options) {
   std::string error;
   if (!context->Load(&error)) throw std::runtime_error(error);
   if (!options.hasCall) return results;
-
   lua::LuaModuleContext::Lock lock(context);
-  const boost::shared_ptr<lua::RunTime> rt = lock.GetRuntime();
-  std::vector<boost::shared_ptr<lua::ObjectRef>> args;
-  for (const Json::Value& arg : options.callArgs) args.push_back(rt->CreateAtStack(arg));
-  return ToJsonArray(rt->RunFunc(options.function, args));
+  return CallFunction(lock.GetRuntime(), options);
 }
 
-Json::Value Eval(const Options& options) {
+// CODE, or a script from standard input, named `name` in messages and tracebacks.
+Json::Value RunCode(const Options& options, const std::string& code, const std::string& name) {
   const std::shared_ptr<lua::LuaModuleContext> context = lua::LuaModuleContext::Create();
   lua::LuaModuleContext::Lock lock(context);
   const boost::shared_ptr<lua::RunTime> rt = lock.GetRuntime();
   rt->SetGlobalObject("init_data", rt->CreateAtStack(options.args));
+  SetScriptGlobals(rt, options, name);
   rt->ClearStack();
   lua_State* L = rt->State();
-  // Named "eval" in messages and tracebacks, as a file would be by its path.
-  if (luaL_loadbufferx(L, options.target.data(), options.target.size(), "=eval", "t") != LUA_OK) {
+  const std::string chunkName = "=" + name;
+  if (luaL_loadbufferx(L, code.data(), code.size(), chunkName.c_str(), "t") != LUA_OK) {
     throw lua::RunTimeError(std::string("Lua: ") + lua_tostring(L, -1));
   }
   rt->Pcall(0, LUA_MULTRET);
+  if (options.hasCall) {
+    rt->ClearStack();
+    return CallFunction(rt, options);
+  }
   return ToJsonArray(rt->ExtractRetVals(0));
+}
+
+Json::Value Run(const Options& options) {
+  if (options.command == "eval") return RunCode(options, options.target, "eval");
+  if (options.target == "-") return RunCode(options, ReadStdin(), "stdin");
+  return RunFile(options);
 }
 
 }  // namespace
@@ -156,7 +263,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
-    std::cout << "corvane " << CORVANE_VERSION << "\n";
+    std::cout << "corvane " << CORVANE_VERSION_STRING << "\n";
     return 0;
   }
   Options options;
@@ -166,10 +273,28 @@ int main(int argc, char** argv) {
     std::cerr << "corvane: " << e.what() << "\n\n" << kUsage;
     return kBadUsage;
   }
+  // With --json-only, standard output becomes a copy of standard error for
+  // everything the script writes (print, io.write, the libraries); the
+  // results go to the original, kept aside.
+  FILE* resultsOut = stdout;
+  if (options.jsonOnly) {
+    const int kept = dup(STDOUT_FILENO);
+    resultsOut = kept < 0 ? nullptr : fdopen(kept, "w");
+    if (resultsOut == nullptr || dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+      std::cerr << "corvane: cannot redirect standard output\n";
+      return kFailed;
+    }
+  }
   try {
+    DefaultCaLocation();
     lua::RegisterAllLibs();
-    const Json::Value results = options.command == "run" ? Run(options) : Eval(options);
-    std::cout << utils::WriteJson(results, false) << "\n";
+    const Json::Value results = Run(options);
+    std::fflush(stdout);
+    if (!options.quiet) {
+      const std::string text = utils::WriteJson(results, false) + "\n";
+      std::fwrite(text.data(), 1, text.size(), resultsOut);
+    }
+    if (std::fflush(resultsOut) != 0) throw std::runtime_error("cannot write the results");
   } catch (const std::exception& e) {
     std::cerr << e.what() << "\n";
     return kFailed;

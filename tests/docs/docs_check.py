@@ -13,7 +13,6 @@ import http.server, json, pathlib, re, subprocess, sys, tempfile, threading
 
 # Libraries whose reference may still be missing (written on another branch).
 PENDING = {"http"}
-JSON_ONLY = []
 
 LIST_FUNCTIONS = r"""
 local names = {}
@@ -88,7 +87,7 @@ def examples(runner, root, pages):
                 count += 1
                 script = pathlib.Path(scratch) / f"example{count}.lua"
                 script.write_text(code.replace("127.0.0.1:8080", address))
-                out = run(runner, ["run", str(script)] + JSON_ONLY, cwd=scratch)
+                out = run(runner, ["run", str(script), "--json-only"], cwd=scratch)
                 if out.returncode != 0:
                     errors.append(f"{where}: failed: {out.stderr.strip()}")
                 elif expected is not None and out.stdout.strip() != expected.strip():

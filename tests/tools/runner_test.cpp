@@ -38,15 +38,17 @@ class Runner : public ::testing::Test {
     return path;
   }
 
-  Outcome Run(std::vector<std::string> args) {
+  Outcome Run(std::vector<std::string> args, const std::string& input = "") {
     args.insert(args.begin(), CORVANE_RUNNER);
     std::vector<char*> argv;
     for (std::string& arg : args) argv.push_back(&arg[0]);
     argv.push_back(nullptr);
     const std::string outPath = dir_ + "/stdout";
     const std::string errPath = dir_ + "/stderr";
+    const std::string inPath = Script("stdin", input);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, inPath.c_str(), O_RDONLY, 0);
     posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     pid_t pid = 0;
@@ -103,6 +105,30 @@ TEST_F(Runner, EvaluatesCode) {
   EXPECT_EQ(eval.err.rfind("Lua: eval:1: boom", 0), 0u) << eval.err;
 }
 
+TEST_F(Runner, TakesScriptsFromStdinAndArgumentsAfterDashes) {
+  const std::string code = "print('noise') io.write('more\\n') return arg[0], arg[1], arg[2], #arg, init_data.x";
+  Outcome run = Run({"run", "-", "--args", "{\"x\": 1}", "--", "a", "--quiet"}, code);
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.out, "noise\nmore\n[\"stdin\",\"a\",\"--quiet\",2,1]\n");
+
+  run = Run({"-e", code, "--json-only", "--", "b"});
+  EXPECT_EQ(run.out, "[\"eval\",\"b\",null,1,null]\n");
+  EXPECT_EQ(run.err, "noise\nmore\n");
+
+  const std::string script = Script("f.lua", "function f(n) print(n) return n * 2 end return arg[0]");
+  run = Run({"run", script, "--quiet", "--json-only"});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.out, "");
+  run = Run({"run", "-", "--call", "f", "--call-args", "[4]"}, "function f(n) return n * 2 end");
+  EXPECT_EQ(run.out, "[8]\n");
+  EXPECT_EQ(Run({"run", script}).out, "[\"" + script + "\"]\n");
+
+  // Only when the host environment names no CA location does the runner pick the system's.
+  if (::getenv("CORVANE_OPENSSL_CA_FILE") == nullptr && ::getenv("CORVANE_OPENSSL_CA_PATH") == nullptr) {
+    EXPECT_EQ(Run({"-e", "return os.getenv('CORVANE_OPENSSL_CA_PATH')"}).out, "[\"/etc/ssl/certs\"]\n");
+  }
+}
+
 TEST_F(Runner, ErrorsExitWithOne) {
   const std::string broken = Script("broken.lua", "return (");
   Outcome run = Run({"run", broken});
@@ -141,6 +167,8 @@ TEST_F(Runner, BadUsageExitsWithTwo) {
       {"run", script, "--call", "f", "--call-args", "{}"},
       {"run", script, "--verbose", "yes"},
       {"eval", "return 1", "--call", "f"},
+      {"-e", "return 1", "--quiet=yes"},
+      {"-e"},
   };
   for (const std::vector<std::string>& args : cases) {
     const Outcome run = Run(args);
