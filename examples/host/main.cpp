@@ -1,5 +1,8 @@
 // A host program that uses corvane through its installed package: it runs a
 // script with arguments in init_data, then calls one of the script's functions.
+// Output:
+//   {"greeting":"hello, world"}
+//   HELLO, WORLD! HELLO, WORLD! (12 letters)
 #include <exception>
 #include <iostream>
 

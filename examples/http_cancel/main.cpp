@@ -1,6 +1,9 @@
 // A script blocked in an HTTP request, cancelled by the host from another
 // thread. The peer is a socket on 127.0.0.1 that never answers, so without
 // the cancel the request would wait for its 60-second time-out.
+// Output:
+//   script returned: false, http.get: canceled by the host
+//   cancelled in time
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>

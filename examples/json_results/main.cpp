@@ -1,6 +1,9 @@
 // A host that hands a script a JSON document and reads the script's results
 // back as JSON. Arrays and objects keep their kind on the way through, empty
 // ones included; a table the script makes is an array when its keys are 1..n.
+// Output:
+//   {"extra":{},"id":42,"names":["tea","cake"],"notes":[],"tags":[],"total":10.0}
+//   total as a number: 10
 #include <exception>
 #include <iostream>
 
