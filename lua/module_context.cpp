@@ -15,6 +15,14 @@ std::shared_ptr<LuaModuleContext> LuaModuleContext::Create(const std::string& pa
   return std::make_shared<LuaModuleContext>(path, reloadOnChange);
 }
 
+std::shared_ptr<LuaModuleContext> LuaModuleContext::Create(const std::string& path, bool reloadOnChange,
+                                                          const RunTimeOptions& options) {
+  auto context = std::make_shared<LuaModuleContext>(path, reloadOnChange);
+  context->options_ = options;
+  context->hasOptions_ = true;
+  return context;
+}
+
 LuaModuleContext::LuaModuleContext() : hasScript_(false), reloadOnChange_(false) {}
 
 LuaModuleContext::LuaModuleContext(const std::string& path, bool reloadOnChange)
@@ -30,16 +38,25 @@ void LuaModuleContext::SetPostLoadCallback(const PostLoadCallback& callback) {
   postLoad_ = callback;
 }
 
-void LuaModuleContext::Cancel() {
+void LuaModuleContext::SetCallLimits(std::chrono::milliseconds timeout, std::uint64_t instructions) {
+  utils::ThreadMutex::ScopedLock lock(mutex_);
+  callTimeout_ = timeout;
+  callInstructions_ = instructions;
+  if (runtime_) runtime_->SetCallLimits(timeout, instructions);
+}
+
+bool LuaModuleContext::Cancel() {
   const boost::shared_ptr<RunTime> rt = boost::atomic_load(&runtime_);
-  if (rt) rt->Cancel();
+  return rt && rt->Cancel();
 }
 
 void LuaModuleContext::Init() {
   try {
     // The old runtime goes first: a reload starts from a clean state.
     boost::atomic_store(&runtime_, boost::shared_ptr<RunTime>());
-    boost::atomic_store(&runtime_, RunTime::Create());
+    boost::shared_ptr<RunTime> fresh = hasOptions_ ? RunTime::Create(options_) : RunTime::Create();
+    fresh->SetCallLimits(callTimeout_, callInstructions_);
+    boost::atomic_store(&runtime_, fresh);
     if (!hasScript_) return;
     // The callbacks get their own reference, so that nothing they do to it
     // can pull the runtime out from under the load.
@@ -90,6 +107,20 @@ void LuaModuleContext::ReloadIfNeeded() {
 LuaModuleContext::Lock::Lock(const std::shared_ptr<LuaModuleContext>& context) : context_(context) {
   if (!context_) throw std::runtime_error("LuaModuleContext::Lock: no context");
   context_->mutex_.Lock();
+  Enter();
+}
+
+LuaModuleContext::Lock::Lock(const std::shared_ptr<LuaModuleContext>& context, std::chrono::milliseconds maxWait)
+    : context_(context) {
+  if (!context_) throw std::runtime_error("LuaModuleContext::Lock: no context");
+  if (!context_->mutex_.TryLockFor(maxWait)) {
+    throw LockTimeout("LuaModuleContext::Lock: " + context_->path_ + " still busy after " +
+                      std::to_string(maxWait.count()) + " ms");
+  }
+  Enter();
+}
+
+void LuaModuleContext::Lock::Enter() {
   try {
     context_->ReloadIfNeeded();
   } catch (...) {
@@ -100,7 +131,12 @@ LuaModuleContext::Lock::Lock(const std::shared_ptr<LuaModuleContext>& context) :
 
 LuaModuleContext::Lock::~Lock() {
   const boost::shared_ptr<RunTime>& rt = context_->runtime_;
-  if (rt && rt->IsValid()) rt->ClearStack();
+  if (rt && rt->IsValid()) {
+    rt->ClearStack();
+    // One user's collectgarbage("stop") must not leave the next ones to grow
+    // without bound.
+    if (lua_gc(rt->State(), LUA_GCISRUNNING, 0) == 0) lua_gc(rt->State(), LUA_GCRESTART, 0);
+  }
   context_->mutex_.Unlock();
 }
 

@@ -8,8 +8,11 @@
 // only be used while that Lock lives.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -22,6 +25,12 @@
 #include "../utils/thread_mutex.h"
 
 namespace lua {
+
+// A timed Lock that ran out of time; it holds nothing.
+class LockTimeout : public std::runtime_error {
+ public:
+  explicit LockTimeout(const std::string& message) : std::runtime_error(message) {}
+};
 
 class LuaModuleContext : public std::enable_shared_from_this<LuaModuleContext>, private utils::Noncopyable {
  public:
@@ -37,6 +46,9 @@ class LuaModuleContext : public std::enable_shared_from_this<LuaModuleContext>, 
   // A context without a script: its runtime has the registered libraries only.
   static std::shared_ptr<LuaModuleContext> Create();
   static std::shared_ptr<LuaModuleContext> Create(const std::string& path, bool reloadOnChange);
+  // Every runtime the context creates is made with these options.
+  static std::shared_ptr<LuaModuleContext> Create(const std::string& path, bool reloadOnChange,
+                                                  const RunTimeOptions& options);
 
   // Nothing is loaded until the first Lock (or Load).
   LuaModuleContext();
@@ -60,10 +72,13 @@ class LuaModuleContext : public std::enable_shared_from_this<LuaModuleContext>, 
   // Init() when the file changed and reloading on change was asked for, or
   // when there is no usable runtime. Callers hold the mutex.
   void ReloadIfNeeded();
+  // Call limits (RunTime::SetCallLimits) for the current runtime and every
+  // later one, the module load included.
+  void SetCallLimits(std::chrono::milliseconds timeout, std::uint64_t instructions);
   // Any thread, without waiting for the Lock: RunTime::Cancel on the current
-  // runtime, so the HTTP request or cv.sleep a locked script is blocked in
-  // fails at once with a script error. Nothing happens while nothing is loaded.
-  void Cancel();
+  // runtime, which interrupts the call in progress there. Whether there was
+  // one; nothing happens while nothing is loaded or running.
+  bool Cancel();
   // Kept as part of the interface; they do nothing.
   void SetGcParams() {}
   void CollectGarbage() {}
@@ -77,6 +92,10 @@ class LuaModuleContext : public std::enable_shared_from_this<LuaModuleContext>, 
   PreLoadCallback preLoad_;
   PostLoadCallback postLoad_;
   bool reloadOnChange_;
+  RunTimeOptions options_;
+  bool hasOptions_ = false;
+  std::chrono::milliseconds callTimeout_{0};
+  std::uint64_t callInstructions_ = 0;
   mutable utils::ThreadMutex mutex_;
 };
 
@@ -86,11 +105,16 @@ class LuaModuleContext : public std::enable_shared_from_this<LuaModuleContext>, 
 class LuaModuleContext::Lock : private utils::Noncopyable {
  public:
   explicit Lock(const std::shared_ptr<LuaModuleContext>& context);
+  // Waits at most maxWait for the context; throws LockTimeout when that runs
+  // out (or as the other constructor does once locked).
+  Lock(const std::shared_ptr<LuaModuleContext>& context, std::chrono::milliseconds maxWait);
   ~Lock();
 
   boost::shared_ptr<RunTime> GetRuntime() const { return context_->runtime_; }
 
  private:
+  void Enter();
+
   std::shared_ptr<LuaModuleContext> context_;
 };
 

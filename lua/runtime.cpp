@@ -1,10 +1,14 @@
 #include "lua/runtime.h"
 
+#include <cstring>
+#include <mutex>
 #include <new>
+#include <unordered_set>
 #include <utility>
 
 #include <boost/make_shared.hpp>
 
+#include "lua/internal/containment.h"
 #include "lua/internal/handles.h"
 #include "lua/object_ref.h"
 #include "lua/wrap_func.h"
@@ -52,11 +56,24 @@ void PushCopy(lua_State* L, const ObjectRef* object) {
   lua_pushvalue(L, object->StackIndex());
 }
 
+// Runtimes that own a state. The extra space of a state made elsewhere holds
+// anything, so Owner believes it only for a runtime that is alive.
+std::mutex gOwnersMutex;
+std::unordered_set<const RunTime*>& Owners() {
+  static auto* owners = new std::unordered_set<const RunTime*>();
+  return *owners;
+}
+
 }  // namespace
 
-RunTime::RunTime(lua_State* state, bool wrapped) : wrapped_(wrapped), valid_(true), state_(state) {}
+RunTime::RunTime(lua_State* state, bool wrapped)
+    : wrapped_(wrapped), valid_(true), state_(state), control_(new detatils::CallControl(state)) {}
 
 RunTime::~RunTime() {
+  if (!wrapped_) {
+    std::lock_guard<std::mutex> lock(gOwnersMutex);
+    Owners().erase(this);
+  }
   if (!wrapped_ && state_ != nullptr) lua_close(state_);
 }
 
@@ -74,6 +91,31 @@ boost::shared_ptr<RunTime> RunTime::Create() {
   return rt;
 }
 
+boost::shared_ptr<RunTime> RunTime::Create(const RunTimeOptions& options) {
+  // The allocator's user data is the runtime from the first allocation on,
+  // as Init would make it anyway.
+  boost::shared_ptr<RunTime> rt(new RunTime(nullptr, false));
+  rt->memory_.reset(new detatils::MemoryAccount());
+  rt->memory_->limit = options.memoryLimitBytes;
+  rt->state_ = lua_newstate(&detatils::LimitedAlloc, rt.get());
+  if (rt->state_ == nullptr) throw RunTimeError("Create(): cannot create a Lua state");
+  rt->control_.reset(new detatils::CallControl(rt->state_));
+  rt->Init();
+  if (options.sandbox) detatils::ApplySandbox(rt->state_);
+  return rt;
+}
+
+detatils::MemoryAccount& RunTime::MemoryOf(void* allocatorUserData) {
+  return *static_cast<RunTime*>(allocatorUserData)->memory_;
+}
+
+void RunTime::RegisterOwner() {
+  RunTime* self = this;
+  std::memcpy(lua_getextraspace(state_), &self, sizeof(self));
+  std::lock_guard<std::mutex> lock(gOwnersMutex);
+  Owners().insert(this);
+}
+
 boost::shared_ptr<RunTime> RunTime::Wrap(lua_State* state) {
   return boost::make_shared<RunTime>(state, true);
 }
@@ -85,54 +127,82 @@ void RunTime::Init() {
   lua_Alloc allocator = lua_getallocf(state_, &userData);
   lua_setallocf(state_, allocator, this);
   lua_atpanic(state_, [](lua_State* L) -> int { PanicHandler(L); });
+  if (!wrapped_) RegisterOwner();
   EnsureFreeStackSlots(200);
   LoadLibs();
+  if (!wrapped_) detatils::TrackCoroutines(state_);
   AddPackagePaths({utils::GetProgramExeDir() + "?.lua"});
 }
 
 RunTime* RunTime::Owner(lua_State* state) {
-  void* userData = nullptr;
-  lua_getallocf(state, &userData);
-  return static_cast<RunTime*>(userData);
+  RunTime* candidate = nullptr;
+  std::memcpy(&candidate, lua_getextraspace(state), sizeof(candidate));
+  std::lock_guard<std::mutex> lock(gOwnersMutex);
+  return Owners().count(candidate) != 0 ? candidate : nullptr;
 }
 
-void RunTime::Cancel() {
-  std::lock_guard<std::mutex> lock(cancelMutex_);
-  if (canceller_) {
-    canceller_();
-    // Delivered once: a further Cancel waits for the next wait.
-    canceller_ = nullptr;
-    cancelDelivered_ = true;
-  } else {
-    cancelPending_ = true;
+void RunTime::SetCallLimits(std::chrono::milliseconds timeout, std::uint64_t instructions) {
+  callTimeout_ = timeout.count() > 0 ? timeout : std::chrono::milliseconds(0);
+  callInstructions_ = instructions;
+}
+
+bool RunTime::Cancel() {
+  return control_->Interrupt(detatils::InterruptCause::Cancel);
+}
+
+// Opens the limits for a top-level call and closes them however it ends.
+class RunTime::CallScope : private utils::Noncopyable {
+ public:
+  explicit CallScope(RunTime& rt) : rt_(rt), top_(rt.callDepth_++ == 0) {
+    if (!top_) return;
+    rt_.control_->Open(rt_.callTimeout_, rt_.callInstructions_);
+    if (rt_.memory_) rt_.memory_->enforcing = true;
+  }
+  ~CallScope() {
+    --rt_.callDepth_;
+    if (!top_) return;
+    if (rt_.memory_) rt_.memory_->enforcing = false;
+    rt_.control_->Close();
+  }
+  bool Top() const { return top_; }
+
+ private:
+  RunTime& rt_;
+  bool top_;
+};
+
+template <class Body>
+std::vector<boost::shared_ptr<ObjectRef>> RunTime::Contained(Body&& body) {
+  CallScope scope(*this);
+  if (!scope.Top()) return body();
+  try {
+    return body();
+  } catch (const RunTimeError&) {
+    // Whatever the script made of the interruption, the host hears its cause.
+    if (control_->Cause() != detatils::InterruptCause::None) throw RunTimeInterrupted(control_->Describe());
+    throw;
   }
 }
 
 RunTime::CancellableWait::CancellableWait(lua_State* state, std::function<void()> canceller)
     : owner_(Owner(state)) {
-  if (owner_ == nullptr) return;
-  std::lock_guard<std::mutex> lock(owner_->cancelMutex_);
-  owner_->cancelDelivered_ = owner_->cancelPending_;
-  owner_->cancelPending_ = false;
-  if (!owner_->cancelDelivered_) owner_->canceller_ = std::move(canceller);
+  if (owner_ != nullptr) owner_->control_->InstallCanceller(std::move(canceller));
 }
 
 RunTime::CancellableWait::~CancellableWait() {
-  if (owner_ == nullptr) return;
-  std::lock_guard<std::mutex> lock(owner_->cancelMutex_);
-  owner_->canceller_ = nullptr;
+  if (owner_ != nullptr) owner_->control_->RemoveCanceller();
 }
 
 bool RunTime::CancellableWait::Cancelled() const {
-  if (owner_ == nullptr) return false;
-  std::lock_guard<std::mutex> lock(owner_->cancelMutex_);
-  return owner_->cancelDelivered_;
+  return owner_ != nullptr && owner_->control_->Cause() != detatils::InterruptCause::None;
+}
+
+std::string RunTime::CancellableWait::Reason() const {
+  return owner_ != nullptr ? owner_->control_->Describe() : std::string("interrupted");
 }
 
 void RunTime::PanicHandler(lua_State* state) {
-  void* userData = nullptr;
-  lua_getallocf(state, &userData);
-  if (userData != nullptr) static_cast<RunTime*>(userData)->valid_ = false;
+  if (RunTime* owner = Owner(state)) owner->valid_ = false;
   // Throwing here is what keeps the interpreter from calling abort().
   RaiseError(state, true);
 }
@@ -164,8 +234,10 @@ std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunImpl(ChunkKind kind, const
   const int status = kind == ChunkKind::File ? luaL_loadfilex(state_, source.c_str(), nullptr)
                                              : luaL_loadstring(state_, source.c_str());
   if (status != LUA_OK) RaiseError(state_, false);
-  Pcall(0, LUA_MULTRET);
-  return ExtractRetVals(base);
+  return Contained([&] {
+    Pcall(0, LUA_MULTRET);
+    return ExtractRetVals(base);
+  });
 }
 
 void RunTime::PushArgsTable(const std::vector<boost::shared_ptr<ObjectRef>>& args) {
@@ -245,7 +317,8 @@ std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunFunc(
     const std::string& globalName, const std::vector<boost::shared_ptr<ObjectRef>>& args) {
   const int base = lua_gettop(state_);
   PrepareCall(args.size());
-  return CallPushedFunction(base, lua_getglobal(state_, globalName.c_str()), args);
+  const int type = lua_getglobal(state_, globalName.c_str());
+  return Contained([&] { return CallPushedFunction(base, type, args); });
 }
 
 std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunFunc(
@@ -253,7 +326,8 @@ std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunFunc(
   const int base = lua_gettop(state_);
   PrepareCall(args.size());
   PushCopy(state_, func.get());
-  return CallPushedFunction(base, lua_type(state_, -1), args);
+  const int type = lua_type(state_, -1);
+  return Contained([&] { return CallPushedFunction(base, type, args); });
 }
 
 void RunTime::PrepareCall(size_t nargs) {

@@ -7,10 +7,12 @@
 // a time may use it and every handle made from it.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <exception>
 #include <functional>
-#include <mutex>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -28,10 +30,34 @@ class ObjectRef;
 class TableRef;
 class RunTime;
 
+namespace detatils {
+class CallControl;
+struct MemoryAccount;
+}  // namespace detatils
+
+// How RunTime::Create(const RunTimeOptions&) builds a state for scripts the
+// host does not trust.
+struct RunTimeOptions {
+  // What the state may hold while a host call runs; 0 means no limit. Past it
+  // the script gets the interpreter's ordinary memory error.
+  size_t memoryLimitBytes = 0;
+  // Leaves out what reaches files, the process or the interpreter's insides
+  // (docs/embedding.md lists it).
+  bool sandbox = false;
+};
+
 // Script error, load error, bad stack index, wrong type, stack overflow.
 class RunTimeError : public std::runtime_error {
  public:
   explicit RunTimeError(const std::string& message) : std::runtime_error(message) {}
+};
+
+// A call that a limit or Cancel stopped. what() starts with "interrupted: "
+// and names the cause: "deadline of N ms", "budget of N instructions" or
+// "canceled by the host".
+class RunTimeInterrupted : public RunTimeError {
+ public:
+  explicit RunTimeInterrupted(const std::string& message) : RunTimeError(message) {}
 };
 
 // Raised only from the interpreter's panic handler; the runtime is unusable after it.
@@ -62,6 +88,9 @@ class RunTime : public boost::enable_shared_from_this<RunTime>, private utils::N
   // A fresh state with the standard and every registered native library, and
   // the executable's directory on package.path. Closed when the object dies.
   static boost::shared_ptr<RunTime> Create();
+  // The same, with a memory limit kept by the runtime's own allocator and,
+  // when asked, the sandbox profile.
+  static boost::shared_ptr<RunTime> Create(const RunTimeOptions& options);
   // A non-owning view of a state somebody else owns; nothing is opened or installed.
   static boost::shared_ptr<RunTime> Wrap(lua_State* state);
 
@@ -133,15 +162,24 @@ class RunTime : public boost::enable_shared_from_this<RunTime>, private utils::N
 
   [[noreturn]] static void PanicHandler(lua_State* state);
 
-  // Cancellation of blocking native calls (an HTTP request, cv.sleep).
-  // Cancel may be called from any thread while the runtime lives: it wakes
-  // the CancellableWait that a native function of this runtime is blocked in,
-  // or, when none is, cancels the next one. Each Cancel cancels one wait.
-  void Cancel();
+  // Limits for each top-level host call (RunString, RunFile, RunFunc), each
+  // measured from its own start; 0 means no limit. The time limit also bounds
+  // every blocking native wait inside the call. A call that goes over throws
+  // RunTimeInterrupted; the runtime stays usable.
+  void SetCallLimits(std::chrono::milliseconds timeout, std::uint64_t instructions);
+  // Any thread, while the runtime lives: interrupts the call in progress,
+  // whether it runs script code or waits in a native function, and tells
+  // whether there was one. Without a call in progress it does nothing.
+  bool Cancel();
   class CancellableWait;
   // The runtime that created the state (RunTime::Create), not a Wrap'd view;
-  // null for states made elsewhere.
+  // null for states made elsewhere. Found through the state's extra space,
+  // not the allocator, so a host may replace the allocator.
   static RunTime* Owner(lua_State* state);
+  // Internal: the call control of this runtime, and the memory account an
+  // allocator user data (a RunTime made with options) leads to.
+  detatils::CallControl& Control() { return *control_; }
+  static detatils::MemoryAccount& MemoryOf(void* allocatorUserData);
 
   // Handles. Each CreateAtStack pushes one value and returns a handle to it.
   boost::shared_ptr<ObjectRef> ObjectAtStack(int index);
@@ -215,16 +253,21 @@ class RunTime : public boost::enable_shared_from_this<RunTime>, private utils::N
   // Pcall with the message handler already at `handler`, directly below the
   // function; removes it afterwards.
   void PcallWithHandlerAt(int handler, int nargs, int nresults);
+  // Runs a top-level call under the limits; nested calls run as they are.
+  template <class Body>
+  std::vector<boost::shared_ptr<ObjectRef>> Contained(Body&& body);
+  class CallScope;
+  void RegisterOwner();
 
   bool wrapped_;
   bool valid_;
   lua_State* state_;
 
-  // Shared with Cancel's thread; guarded by cancelMutex_.
-  std::mutex cancelMutex_;
-  std::function<void()> canceller_;
-  bool cancelPending_ = false;
-  bool cancelDelivered_ = false;
+  std::unique_ptr<detatils::CallControl> control_;
+  std::unique_ptr<detatils::MemoryAccount> memory_;
+  std::chrono::milliseconds callTimeout_{0};
+  std::uint64_t callInstructions_ = 0;
+  int callDepth_ = 0;
 };
 
 // Installs, for its own life, the function that wakes the wait a native
@@ -235,9 +278,11 @@ class RunTime::CancellableWait : private utils::Noncopyable {
  public:
   CancellableWait(lua_State* state, std::function<void()> canceller);
   ~CancellableWait();
-  // True when a Cancel was pending at construction (the wait should not even
-  // begin) or reached the canceller since.
+  // True when the call was interrupted before the wait (it should not even
+  // begin) or since.
   bool Cancelled() const;
+  // The script error for an interrupted wait: "interrupted: " and the cause.
+  std::string Reason() const;
 
  private:
   RunTime* owner_;

@@ -6,6 +6,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <iostream>
@@ -45,6 +48,10 @@ const char kUsage[] =
     "                         its results instead\n"
     "  --call-args JSON_ARRAY (run only) FUNCTION's arguments (default [])\n"
     "  --quiet                print no results\n"
+    "  --timeout MS           stop the script, and FUNCTION, after MS milliseconds each\n"
+    "  --memory BYTES         the most memory the script may hold\n"
+    "  --sandbox              no files, no process control, no bytecode: the profile\n"
+    "                         for scripts you do not trust\n"
     "  --json-only            keep standard output for the results: print and\n"
     "                         everything else the script writes there go to\n"
     "                         standard error\n"
@@ -70,6 +77,8 @@ struct Options {
   bool quiet = false;
   bool jsonOnly = false;
   std::vector<std::string> scriptArgs;  // after "--"
+  lua::RunTimeOptions runtime;
+  long long timeoutMs = 0;
 };
 
 class UsageError : public std::runtime_error {
@@ -85,6 +94,16 @@ Json::Value ParseJsonOption(const std::string& option, const std::string& text) 
   std::string error;
   if (!reader->parse(text.data(), text.data() + text.size(), &value, &error)) {
     throw UsageError(option + ": not valid JSON: " + error);
+  }
+  return value;
+}
+
+unsigned long long ParseCount(const std::string& option, const std::string& text) {
+  errno = 0;
+  char* end = nullptr;
+  const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
+  if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0) {
+    throw UsageError(option + " needs a whole number, not '" + text + "'");
   }
   return value;
 }
@@ -116,6 +135,17 @@ const OptionSpec kOptions[] = {
        o.hasCallArgs = true;
      }},
     {"--quiet", false, false, [](Options& o, const std::string&) { o.quiet = true; }},
+    {"--timeout", true, false,
+     [](Options& o, const std::string& value) {
+       const unsigned long long ms = ParseCount("--timeout", value);
+       if (ms > 1000ULL * 3600 * 24 * 365) throw UsageError("--timeout is longer than a year");
+       o.timeoutMs = static_cast<long long>(ms);
+     }},
+    {"--memory", true, false,
+     [](Options& o, const std::string& value) {
+       o.runtime.memoryLimitBytes = static_cast<size_t>(ParseCount("--memory", value));
+     }},
+    {"--sandbox", false, false, [](Options& o, const std::string&) { o.runtime.sandbox = true; }},
     {"--json-only", false, false, [](Options& o, const std::string&) { o.jsonOnly = true; }},
 };
 
@@ -208,7 +238,9 @@ Json::Value CallFunction(const boost::shared_ptr<lua::RunTime>& rt, const Option
 }
 
 Json::Value RunFile(const Options& options) {
-  const std::shared_ptr<lua::LuaModuleContext> context = lua::LuaModuleContext::Create(options.target, false);
+  const std::shared_ptr<lua::LuaModuleContext> context =
+      lua::LuaModuleContext::Create(options.target, false, options.runtime);
+  context->SetCallLimits(std::chrono::milliseconds(options.timeoutMs), 0);
   context->SetPreLoadCallback(
       [&options](boost::shared_ptr<lua::RunTime>& rt, boost::shared_ptr<lua::TableRef>& args) {
         SetScriptGlobals(rt, options, options.target);
@@ -230,9 +262,8 @@ Json::Value RunFile(const Options& options) {
 
 // CODE, or a script from standard input, named `name` in messages and tracebacks.
 Json::Value RunCode(const Options& options, const std::string& code, const std::string& name) {
-  const std::shared_ptr<lua::LuaModuleContext> context = lua::LuaModuleContext::Create();
-  lua::LuaModuleContext::Lock lock(context);
-  const boost::shared_ptr<lua::RunTime> rt = lock.GetRuntime();
+  const boost::shared_ptr<lua::RunTime> rt = lua::RunTime::Create(options.runtime);
+  rt->SetCallLimits(std::chrono::milliseconds(options.timeoutMs), 0);
   rt->SetGlobalObject("init_data", rt->CreateAtStack(options.args));
   SetScriptGlobals(rt, options, name);
   rt->ClearStack();
@@ -241,12 +272,12 @@ Json::Value RunCode(const Options& options, const std::string& code, const std::
   if (luaL_loadbufferx(L, code.data(), code.size(), chunkName.c_str(), "t") != LUA_OK) {
     throw lua::RunTimeError(std::string("Lua: ") + lua_tostring(L, -1));
   }
-  rt->Pcall(0, LUA_MULTRET);
+  const auto results = rt->RunFunc(rt->ObjectAtStackTop(), {});
   if (options.hasCall) {
     rt->ClearStack();
     return CallFunction(rt, options);
   }
-  return ToJsonArray(rt->ExtractRetVals(0));
+  return ToJsonArray(results);
 }
 
 Json::Value Run(const Options& options) {

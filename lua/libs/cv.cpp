@@ -180,7 +180,7 @@ void CancellableSleep(const Rt& rt, uint32_t ms) {
     std::condition_variable condition;
     bool woken = false;
   } wake;
-  bool cancelled = false;
+  std::string interrupted;
   {
     RunTime::CancellableWait wait(rt->State(), [&wake] {
       std::lock_guard<std::mutex> lock(wake.mutex);
@@ -191,9 +191,9 @@ void CancellableSleep(const Rt& rt, uint32_t ms) {
       std::unique_lock<std::mutex> lock(wake.mutex);
       wake.condition.wait_for(lock, std::chrono::milliseconds(ms), [&wake] { return wake.woken; });
     }
-    cancelled = wait.Cancelled();
+    if (wait.Cancelled()) interrupted = wait.Reason();
   }
-  if (cancelled) rt->Error("cv.sleep: canceled by the host");
+  if (!interrupted.empty()) rt->Error(interrupted);
 }
 
 int SleepMs(Rt& rt, const Args& args) {

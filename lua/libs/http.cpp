@@ -183,7 +183,7 @@ int Perform(Rt& rt, const Request& request, const char* functionName) {
   // Set by the canceller under the runtime's cancel lock; read only once the
   // wait is gone and no canceller can run any more.
   bool woken = false;
-  bool cancelled = false;
+  std::string interrupted;
   int code;
   {
     RunTime::CancellableWait wait(rt->State(), [&client, &woken] {
@@ -193,12 +193,12 @@ int Perform(Rt& rt, const Request& request, const char* functionName) {
     code = wait.Cancelled() ? static_cast<int>(utils::HttpRequestCanceled)
                             : utils::PerformHttpRequest(&client, request.method, request.url, request.params,
                                                         &output, &response);
-    cancelled = wait.Cancelled();
+    if (wait.Cancelled()) interrupted = wait.Reason();
   }
   // A wake-up that came too late for the request's waits is still in the
   // client and would cancel the next call.
   if (woken) client.Reset();
-  if (cancelled) rt->Error(std::string(functionName) + ": canceled by the host");
+  if (!interrupted.empty()) rt->Error(std::string(functionName) + ": " + interrupted);
   lua_State* L = rt->State();
   rt->EnsureFreeStackSlots(10);
   if (code < 1) {

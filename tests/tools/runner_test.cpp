@@ -144,6 +144,18 @@ TEST_F(Runner, ErrorsExitWithOne) {
   run = Run({"run", Script("cycle.lua", "local t = {} t[1] = t return t")});
   EXPECT_EQ(run.status, 1);
   EXPECT_NE(run.err.find("nested deeper"), std::string::npos);
+
+  // The containment options, on the loaded script and on a call alike.
+  const std::string spin = Script("spin.lua", "function f() while true do end end");
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {"-e", "while true do end", "--timeout", "100"},
+           {"run", spin, "--call", "f", "--timeout=100"},
+           {"-e", "return ('x'):rep(1 << 28)", "--memory", "1000000"},
+           {"-e", "return io.open('/etc/hostname')", "--sandbox"}}) {
+    run = Run(args);
+    EXPECT_EQ(run.status, 1) << args[1];
+    EXPECT_EQ(run.out, "");
+  }
 }
 
 TEST_F(Runner, BadUsageExitsWithTwo) {
@@ -161,6 +173,8 @@ TEST_F(Runner, BadUsageExitsWithTwo) {
       {"eval", "return 1", "--call", "f"},
       {"-e", "return 1", "--quiet=yes"},
       {"-e"},
+      {"-e", "return 1", "--timeout", "-5"},
+      {"-e", "return 1", "--memory", "1e9"},
   };
   for (const std::vector<std::string>& args : cases) {
     const Outcome run = Run(args);

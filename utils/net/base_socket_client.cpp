@@ -1,4 +1,5 @@
 #include "utils/net/base_socket_client.h"
+#include "utils/net/internal/resolver.h"
 
 #include <netdb.h>
 #include <netinet/in.h>
@@ -99,11 +100,20 @@ BaseSocketClient::Error_t BaseSocketClient::Impl::Connect(const std::string& hos
   hints.ai_family = family;
   hints.ai_socktype = type == SocketTypeDatagram ? SOCK_DGRAM : SOCK_STREAM;
   std::string error;
-  const auto addresses = GetAddressInfo(host, service, &hints, order, &error);
-  if (addresses == nullptr) {
-    CORVANE_LOG(logger, zullog::SeverityError, module)
-        << "Failed to resolve address '" << host << "': " << error;
-    return ErrorFailed;
+  std::shared_ptr<AddressInfo> addresses;
+  switch (impl::ResolveCancellable(point, host, service, &hints, order, timeoutMs, &addresses, &error)) {
+    case impl::WaitReady:
+      break;
+    case impl::WaitCanceled:
+      return ErrorCanceled;
+    case impl::WaitTimedOut:
+      CORVANE_LOG(logger, zullog::SeverityError, module)
+          << "Failed to resolve address '" << host << "': no answer within " << timeoutMs << " ms";
+      return ErrorTimedOut;
+    default:
+      CORVANE_LOG(logger, zullog::SeverityError, module)
+          << "Failed to resolve address '" << host << "': " << error;
+      return ErrorFailed;
   }
   while (const addrinfo* address = addresses->Next()) {
     impl::Socket candidate(logger);

@@ -1,0 +1,263 @@
+// What a host can do about a script that will not stop on its own: call
+// limits, Cancel from another thread, memory limits, the sandbox profile and
+// the timed module lock. Grouped by outcome; runs under ThreadSanitizer too.
+#include <netdb.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "http/support/http_peers.h"
+#include "lua/libs/libs.h"
+#include "lua/module_context.h"
+#include "lua/object_ref.h"
+#include "lua/runtime.h"
+#include "utils/net/internal/resolver.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+// Room for a loaded machine above each limit; the waits it ends are minutes long.
+constexpr long kMarginMs = 1500;
+constexpr long kLimitMs = 300;
+
+long ElapsedMs(Clock::time_point start) {
+  return static_cast<long>(std::chrono::duration_cast<milliseconds>(Clock::now() - start).count());
+}
+
+// The script's first result as text, or "error: " and what the host caught.
+std::string RunCode(const boost::shared_ptr<lua::RunTime>& rt, const std::string& code) {
+  try {
+    lua::RunTime::StackCleaner cleaner(rt);
+    auto results = rt->RunString(code, false);
+    return results.empty() ? "<none>" : results.front()->AsString();
+  } catch (const lua::RunTimeInterrupted& e) {
+    return std::string("error: ") + e.what();
+  } catch (const lua::RunTimeError& e) {
+    return std::string("error (not an interruption): ") + e.what();
+  }
+}
+
+// A resolver that never answers in time; its thread is left behind.
+int SlowResolve(const char*, const char*, const addrinfo*, addrinfo** result) {
+  std::this_thread::sleep_for(std::chrono::seconds(5));
+  *result = nullptr;
+  return EAI_AGAIN;
+}
+
+class Containment : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    lua::RegisterAllLibs();
+    servers_ = new httptest::Servers();
+  }
+  static void TearDownTestSuite() {
+    delete servers_;
+    servers_ = nullptr;
+  }
+  void TearDown() override { utils::impl::SetResolveFunctionForTesting(nullptr); }
+
+  // Every way a script can keep its thread: each must give way to a limit and
+  // to Cancel alike.
+  static std::vector<std::string> Stubborn() {
+    return {
+        "while true do end",
+        "while true do pcall(error, 'caught') end",
+        "while true do pcall(cv.sleep, 100000) end",
+        "coroutine.wrap(function() while true do end end)()",
+        "while true do pcall(coroutine.wrap(function() while true do end end)) end",
+        "local ok = http.get{url = '" + servers_->peer.Url("/slow-head") + "', timeout = 60000} return 'unblocked'",
+        "http.get{url = 'http://never.answers.test/', timeout = 60000} return 'unblocked'",
+    };
+  }
+
+  static httptest::Servers* servers_;
+};
+
+httptest::Servers* Containment::servers_ = nullptr;
+
+TEST_F(Containment, LimitsStopEveryStubbornScriptAndLeaveTheRuntimeUsable) {
+  utils::impl::SetResolveFunctionForTesting(&SlowResolve);
+  auto rt = lua::RunTime::Create();
+  rt->SetCallLimits(milliseconds(kLimitMs), 0);
+  for (const std::string& code : Stubborn()) {
+    const auto start = Clock::now();
+    EXPECT_EQ(RunCode(rt, code), "error: interrupted: deadline of 300 ms") << code;
+    EXPECT_LT(ElapsedMs(start), kLimitMs + kMarginMs) << code;
+    EXPECT_EQ(RunCode(rt, "cv.sleep(1) return 'usable'"), "usable") << code;
+  }
+  // Each call has its own budget, counted from its start.
+  rt->SetCallLimits(milliseconds(0), 100000);
+  EXPECT_EQ(RunCode(rt, "local n = 0 for i = 1, 1000 do n = n + i end return n"), "500500");
+  EXPECT_EQ(RunCode(rt, "while true do pcall(error) end"), "error: interrupted: budget of 100000 instructions");
+  EXPECT_EQ(RunCode(rt, "local n = 0 for i = 1, 1000 do n = n + i end return n"), "500500");
+  // Lifted limits cost nothing and stop nothing.
+  rt->SetCallLimits(milliseconds(0), 0);
+  EXPECT_EQ(RunCode(rt, "local n = 0 for i = 1, 3000000 do n = n + 1 end return n"), "3000000");
+}
+
+TEST_F(Containment, CancelInterruptsOnlyTheCallInProgress) {
+  utils::impl::SetResolveFunctionForTesting(&SlowResolve);
+  auto rt = lua::RunTime::Create();
+  // Nothing running: nothing to cancel, and nothing kept for later.
+  EXPECT_FALSE(rt->Cancel());
+  EXPECT_EQ(RunCode(rt, "cv.sleep(50) return 'slept'"), "slept");
+  for (const std::string& code : Stubborn()) {
+    const auto start = Clock::now();
+    auto script = std::async(std::launch::async, [&] { return RunCode(rt, code); });
+    // Retried until the call is seen running: its start races with ours.
+    bool delivered = false;
+    while (!delivered && script.wait_for(milliseconds(50)) != std::future_status::ready) delivered = rt->Cancel();
+    EXPECT_TRUE(delivered) << code;
+    EXPECT_EQ(script.get(), "error: interrupted: canceled by the host") << code;
+    EXPECT_LT(ElapsedMs(start), kMarginMs) << code;
+    EXPECT_FALSE(rt->Cancel());
+    EXPECT_EQ(RunCode(rt, "cv.sleep(1) return 'usable'"), "usable") << code;
+  }
+}
+
+TEST_F(Containment, ModuleContextCancelsFreesTheLockAndTimesOutWaiters) {
+  nettest::TempDir dir;
+  const std::string path = dir.File("module.lua");
+  nettest::WriteFile(path, "function spin() while true do pcall(cv.sleep, 1000) end end\n"
+                           "function stopgc() collectgarbage('stop') end\n");
+  auto context = lua::LuaModuleContext::Create(path, false);
+  EXPECT_FALSE(context->Cancel());
+  ASSERT_TRUE(context->Load(nullptr));
+  std::atomic<bool> locked{false};
+  auto holder = std::async(std::launch::async, [&] {
+    lua::LuaModuleContext::Lock lock(context);
+    locked = true;
+    try {
+      lock.GetRuntime()->RunFunc("spin", {});
+      return std::string("returned");
+    } catch (const lua::RunTimeInterrupted& e) {
+      return std::string(e.what());
+    }
+  });
+  while (!locked) std::this_thread::sleep_for(milliseconds(5));
+  // A waiter gives up in time and holds nothing.
+  const auto start = Clock::now();
+  try {
+    lua::LuaModuleContext::Lock lock(context, milliseconds(100));
+    ADD_FAILURE() << "locked a busy context";
+  } catch (const lua::LockTimeout& e) {
+    EXPECT_NE(std::string(e.what()).find(path), std::string::npos) << e.what();
+    EXPECT_NE(std::string(e.what()).find("100 ms"), std::string::npos) << e.what();
+    EXPECT_LT(ElapsedMs(start), kMarginMs);
+  }
+  while (!context->Cancel()) std::this_thread::sleep_for(milliseconds(5));
+  EXPECT_EQ(holder.get(), "interrupted: canceled by the host");
+  // The collector a call stopped is running again for the next user.
+  {
+    lua::LuaModuleContext::Lock lock(context, milliseconds(1000));
+    lock.GetRuntime()->RunFunc("stopgc", {});
+  }
+  lua::LuaModuleContext::Lock lock(context, milliseconds(1000));
+  lua::RunTime::StackCleaner cleaner(lock.GetRuntime());
+  EXPECT_TRUE(lock.GetRuntime()->RunString("return collectgarbage('isrunning')", false)[0]->AsBool());
+}
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
+long ResidentKb() {
+  std::ifstream status("/proc/self/statm");
+  long pages = 0, resident = 0;
+  status >> pages >> resident;
+  return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+TEST_F(Containment, MemoryLimitStopsABombNearTheLimit) {
+  lua::RunTimeOptions options;
+  options.memoryLimitBytes = 32 << 20;
+  auto rt = lua::RunTime::Create(options);
+  const long before = ResidentKb();
+  for (const char* bomb : {"local t = {} for i = 1, 1e9 do t[i] = ('x'):rep(64) .. i end",
+                           "return ('x'):rep(1 << 30)", "local s = 'x' while true do s = s .. s end"}) {
+    const std::string error = RunCode(rt, bomb);
+    EXPECT_NE(error.find("not enough memory"), std::string::npos) << bomb << ": " << error;
+    // Sanitizer shadow memory grows with every byte the state touches.
+    if (!kSanitized) {
+      EXPECT_LT(ResidentKb() - before, 96 * 1024) << bomb;
+    }
+    EXPECT_EQ(RunCode(rt, "collectgarbage() return 'usable'"), "usable");
+  }
+}
+
+// A host may put its own allocator in; the runtime must still find itself.
+struct CountingAllocator {
+  lua_Alloc base;
+  void* baseData;
+  long calls = 0;
+  static void* Alloc(void* ud, void* ptr, size_t osize, size_t nsize) {
+    auto* self = static_cast<CountingAllocator*>(ud);
+    ++self->calls;
+    return self->base(self->baseData, ptr, osize, nsize);
+  }
+};
+
+TEST_F(Containment, HostAllocatorKeepsNativeWaitsWorking) {
+  auto rt = lua::RunTime::Create();
+  CountingAllocator counting;
+  counting.base = lua_getallocf(rt->State(), &counting.baseData);
+  lua_setallocf(rt->State(), &CountingAllocator::Alloc, &counting);
+  EXPECT_EQ(RunCode(rt, "cv.sleep(1) local ok, r = http.get{url = '" + servers_->peer.Url("/chunked") +
+                        "'} return r.output"),
+            "Hello, world");
+  EXPECT_GT(counting.calls, 0);
+  EXPECT_FALSE(rt->Cancel());
+  lua_setallocf(rt->State(), counting.base, counting.baseData);
+}
+
+// Each line must come out "nil" or "error" in the sandbox: the capability is
+// absent by every road, not only by its usual name.
+TEST_F(Containment, SandboxLeavesNoWayToFilesTheProcessOrBytecode) {
+  const char* const kEscapes[] = {
+      "return io", "return debug", "return os.exit", "return os.getenv", "return os.execute",
+      "return os.remove", "return dofile", "return loadfile", "return string.dump",
+      "return ('').dump", "return getmetatable('').__index.dump", "return package.loadlib",
+      "return package.searchpath", "return package.loaded.io", "return package.loaded.debug",
+      "return package.loaded.os.exit", "return package.loaded._G.io", "return require('io')",
+      "return require('debug')", "return require('socket')", "return package.searchers[1]",
+      "return cv.setenv", "return package.loaded.cv.setenv", "return cv.expand_path",
+      "return cv.get_dir_contents", "return cv.get_devfile_numbers", "return cv.get_disk_space_info",
+      "return json.load", "return json.save", "return json.storage", "return package.loaded.json.save",
+      "return xml.sax.parseFile", "return xml.dom.parseFile",
+      "return load('\\27LuaS\\0\\25\\147\\r\\n\\26\\n', 'x', 'b')",
+      "return load(function() return '\\27Lua' end)",
+      "return collectgarbage('stop')", "return collectgarbage('setpause', 1000)",
+      "return setmetatable({}, {__gc = function() while true do end end})",
+  };
+  lua::RunTimeOptions options;
+  options.sandbox = true;
+  auto sandboxed = lua::RunTime::Create(options);
+  auto open = lua::RunTime::Create();
+  for (const char* escape : kEscapes) {
+    const std::string probe = std::string("local ok, v = pcall(function() ") + escape +
+                              " end) return ok and tostring(v) or 'error'";
+    const std::string result = RunCode(sandboxed, probe);
+    EXPECT_TRUE(result == "nil" || result == "error") << escape << " gave " << result;
+  }
+  // The same probes reach something in a runtime without the profile.
+  EXPECT_EQ(RunCode(open, "return tostring(io ~= nil and cv.setenv ~= nil and string.dump ~= nil)"), "true");
+  // What untrusted scripts legitimately need is still there.
+  EXPECT_EQ(RunCode(sandboxed, "return type(os.time()) .. type(os.clock()) .. tostring(collectgarbage('count') > 0) "
+                           ".. load('return 1')() .. require('json').encode({1}) .. tostring(string.rep ~= nil)"),
+            "numbernumbertrue1[1]true");
+}
+
+}  // namespace
