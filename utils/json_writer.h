@@ -15,6 +15,12 @@ namespace utils {
 
 class JsonWriter {
  public:
+  // A position to come back to, with the nesting that goes with it.
+  struct Mark {
+    size_t size;
+    int depth;
+  };
+
   explicit JsonWriter(bool pretty) : pretty_(pretty) {}
 
   // A container is Open(), then Item() before each element or member, then
@@ -54,6 +60,12 @@ class JsonWriter {
   bool String(const char* data, size_t size, size_t* badOffset = nullptr);
   // As String, with each byte of invalid UTF-8 written as U+FFFD.
   void LenientString(const char* data, size_t size);
+
+  Mark GetMark() const { return Mark{text_.size(), depth_}; }
+  void Rewind(const Mark& mark) {
+    text_.resize(mark.size);
+    depth_ = mark.depth;
+  }
 
   const std::string& Text() const { return text_; }
   std::string Take() { return std::move(text_); }

@@ -594,6 +594,7 @@ class Encoder {
   // anything is written: a border (#t) says nothing about the keys in the
   // hash part, and an array written from it would drop them.
   void Array(int index, int depth, bool annotated) {
+    if (Sequence(index, depth)) return;
     lua_Integer maxIndex = 0;
     lua_Integer count = 0;
     lua_pushnil(L_);
@@ -617,6 +618,30 @@ class Encoder {
       return;
     }
     Elements(index, maxIndex, depth);
+  }
+
+  // Most arrays are sequences held in the table's array part, which lua_next
+  // walks in order: those are written in one pass, each value as it comes.
+  // Any other key, or a gap, rewinds to the start and leaves the table to
+  // the general path.
+  bool Sequence(int index, int depth) {
+    const utils::JsonWriter::Mark mark = writer_.GetMark();
+    writer_.Open('[');
+    lua_Integer expected = 1;
+    lua_pushnil(L_);
+    while (lua_next(L_, index) != 0) {  // [key, value]
+      if (!lua_isinteger(L_, -2) || lua_tointeger(L_, -2) != expected) {
+        lua_pop(L_, 2);
+        writer_.Rewind(mark);
+        return false;
+      }
+      writer_.Item(expected == 1);
+      Value(lua_gettop(L_), depth + 1);
+      lua_pop(L_, 1);
+      ++expected;
+    }
+    writer_.Close(']', expected == 1);
+    return true;
   }
 
   [[noreturn]] __attribute__((noinline, cold)) static void FailAnnotation(lua_Integer annotation) {
