@@ -9,6 +9,7 @@
 
 #include "lua/internal/handles.h"
 #include "lua/internal/json_meta.h"
+#include "utils/internal/native_stack.h"
 
 namespace lua {
 
@@ -53,6 +54,12 @@ bool ArrayKey(lua_State* L, int index, Json::ArrayIndex* position) {
   return true;
 }
 
+// An array is as long as its last index, so a few keys could ask for
+// gigabytes of nulls: one longer than kMaxSparseLength and more than
+// kMaxLengthPerPair times its number of pairs is refused.
+constexpr unsigned long long kMaxSparseLength = 1000000;
+constexpr unsigned long long kMaxLengthPerPair = 4;
+
 // Script values to Json::Value. Tables are walked on the raw stack; every
 // level restores the stack it found.
 class LuaToJson {
@@ -92,12 +99,17 @@ class LuaToJson {
   Json::Value Array(int index, int depth) {
     Enter(depth);
     Json::Value result(Json::arrayValue);
+    unsigned long long pairs = 0;  // counted when an index first goes far
     lua_pushnil(L_);
     while (lua_next(L_, index) != 0) {  // [key, value]
       if (lua_type(L_, -2) != LUA_TNUMBER) throw RunTimeError(kInvalidReference);
       Json::ArrayIndex position = 0;
       if (!ArrayKey(L_, -2, &position)) {
         throw RunTimeError("AsJsonArray(): invalid array index: '" + KeyText(L_, -2) + "'");
+      }
+      if (position >= result.size()) {
+        if (pairs == 0) pairs = PairCount(index);
+        CheckLength(position, pairs);
       }
       result[position] = Value(lua_gettop(L_), depth + 1);
       lua_pop(L_, 1);
@@ -131,11 +143,13 @@ class LuaToJson {
     };
     std::vector<Entry> entries;
     bool arrayLike = true;
+    Json::ArrayIndex last = 0;
     lua_pushnil(L_);
     while (lua_next(L_, index) != 0) {  // [key, value]
       Entry entry{false, 0, std::string(), Json::Value()};
       if (ArrayKey(L_, -2, &entry.position)) {
         entry.positional = true;
+        last = std::max(last, entry.position);
       } else {
         arrayLike = false;
         entry.name = KeyText(L_, -2);
@@ -145,6 +159,7 @@ class LuaToJson {
       lua_pop(L_, 1);
     }
     if (arrayLike) {
+      if (!entries.empty()) CheckLength(last, entries.size());
       Json::Value result(Json::arrayValue);
       for (Entry& entry : entries) result[entry.position] = std::move(entry.value);
       return result;
@@ -160,10 +175,31 @@ class LuaToJson {
   }
 
  private:
+  static void CheckLength(Json::ArrayIndex last, unsigned long long pairs) {
+    const unsigned long long length = static_cast<unsigned long long>(last) + 1;
+    if (length > kMaxSparseLength && length > kMaxLengthPerPair * pairs) {
+      throw RunTimeError("AsJsonValue(): array too sparse (index " + std::to_string(length) + " with " +
+                         std::to_string(pairs) + " elements)");
+    }
+  }
+
+  unsigned long long PairCount(int index) {
+    unsigned long long pairs = 0;
+    lua_pushnil(L_);
+    while (lua_next(L_, index) != 0) {
+      lua_pop(L_, 1);
+      ++pairs;
+    }
+    return pairs;
+  }
+
   void Enter(int depth) {
     if (depth >= kMaxJsonDepth) {
       throw RunTimeError("AsJsonValue(): tables nested deeper than " + std::to_string(kMaxJsonDepth) +
                          " levels (a table that contains itself?)");
+    }
+    if (utils::NativeStackLeft() < utils::kNativeStackReserve) {
+      throw RunTimeError("AsJsonValue(): tables nested too deep for the thread's stack");
     }
     rt_.EnsureFreeStackSlots(10);
   }
@@ -254,6 +290,9 @@ class JsonToLua {
     if (depth >= kMaxJsonDepth) {
       throw RunTimeError("ConvertToLuaObject(): JSON nested deeper than " + std::to_string(kMaxJsonDepth) +
                          " levels");
+    }
+    if (utils::NativeStackLeft() < utils::kNativeStackReserve) {
+      throw RunTimeError("ConvertToLuaObject(): JSON nested too deep for the thread's stack");
     }
     rt_.EnsureFreeStackSlots(10);
   }

@@ -86,15 +86,29 @@ class UsageError : public std::runtime_error {
   explicit UsageError(const std::string& message) : std::runtime_error(message) {}
 };
 
+// Script values hold signed 64-bit integers; the conversion refuses larger ones.
+bool FitsScriptIntegers(const Json::Value& value) {
+  if (value.isUInt64() && !value.isInt64()) return false;
+  for (const Json::Value& element : value) {
+    if (!FitsScriptIntegers(element)) return false;
+  }
+  return true;
+}
+
 Json::Value ParseJsonOption(const std::string& option, const std::string& text) {
   Json::CharReaderBuilder builder;
   Json::CharReaderBuilder::strictMode(&builder.settings_);
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value value;
   std::string error;
-  if (!reader->parse(text.data(), text.data() + text.size(), &value, &error)) {
-    throw UsageError(option + ": not valid JSON: " + error);
+  try {
+    if (!reader->parse(text.data(), text.data() + text.size(), &value, &error)) {
+      throw UsageError(option + ": not valid JSON: " + error);
+    }
+  } catch (const Json::Exception& e) {  // past its nesting limit (1000 levels)
+    throw UsageError(option + ": nesting too deep: " + e.what());
   }
+  if (!FitsScriptIntegers(value)) throw UsageError(option + ": an integer is beyond the signed 64-bit range");
   return value;
 }
 

@@ -70,6 +70,14 @@ void SetError(std::string* error, const std::string& what, const std::string& pa
   if (error != nullptr) *error = what + "(" + path + ") failed: " + ::strerror(errorNumber);
 }
 
+// The system ends a path at its first NUL, so one that holds a NUL would name
+// another file; such paths are refused, without echoing the bytes.
+bool RefuseNul(const std::string& path, const char* what, std::string* error) {
+  if (path.find('\0') == std::string::npos) return false;
+  if (error != nullptr) *error = std::string(what) + "() failed: the path contains a NUL byte";
+  return true;
+}
+
 // Removes the temporary file of an unfinished atomic write.
 class TempFileGuard {
  public:
@@ -172,7 +180,7 @@ uint64_t SaturatingProduct(uint64_t a, uint64_t b) {
 FileStatus GetStatus(const std::string& path) {
   FileStatus status;
   struct stat st;
-  if (::stat(path.c_str(), &st) != 0) return status;
+  if (RefuseNul(path, "stat", nullptr) || ::stat(path.c_str(), &st) != 0) return status;
   status.exists = true;
   status.mtimeNs = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
   status.size = static_cast<uint64_t>(st.st_size);
@@ -181,17 +189,33 @@ FileStatus GetStatus(const std::string& path) {
   return status;
 }
 
-bool ReadFile(const std::string& path, std::string* out, std::string* error) {
-  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+namespace {
+
+bool Read(const std::string& path, bool regularOnly, size_t maxBytes, std::string* out,
+          std::string* error) {
+  if (RefuseNul(path, "open", error)) return false;
+  // Non-blocking, so that opening a FIFO with no writer does not wait for
+  // one before it can be refused; reads of regular files ignore the flag.
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | (regularOnly ? O_NONBLOCK : 0)));
   if (fd.Get() < 0) {
     SetError(error, "open", path, errno);
     return false;
   }
   std::string content;
   struct stat st;
-  if (::fstat(fd.Get(), &st) == 0 && S_ISREG(st.st_mode)) {
-    content.reserve(static_cast<size_t>(st.st_size));
+  const bool regular = ::fstat(fd.Get(), &st) == 0 && S_ISREG(st.st_mode);
+  if (regularOnly && !regular) {
+    if (error != nullptr) *error = "read(" + path + ") failed: not a regular file";
+    return false;
   }
+  if (regular && static_cast<uint64_t>(st.st_size) > maxBytes) {
+    if (error != nullptr) {
+      *error = "read(" + path + ") failed: file too large (" + std::to_string(st.st_size) +
+               " bytes, at most " + std::to_string(maxBytes) + ")";
+    }
+    return false;
+  }
+  if (regular) content.reserve(static_cast<size_t>(st.st_size));
   char buffer[65536];
   for (;;) {
     ssize_t n = ::read(fd.Get(), buffer, sizeof buffer);
@@ -201,13 +225,33 @@ bool ReadFile(const std::string& path, std::string* out, std::string* error) {
       return false;
     }
     if (n == 0) break;
+    // A file that grows while it is read is held to the same bound.
+    if (static_cast<size_t>(n) > maxBytes - content.size()) {
+      if (error != nullptr) {
+        *error = "read(" + path + ") failed: file too large (more than " +
+                 std::to_string(maxBytes) + " bytes)";
+      }
+      return false;
+    }
     content.append(buffer, static_cast<size_t>(n));
   }
   out->swap(content);
   return true;
 }
 
+}  // namespace
+
+bool ReadFile(const std::string& path, std::string* out, std::string* error) {
+  return Read(path, false, std::string().max_size(), out, error);
+}
+
+bool ReadRegularFile(const std::string& path, size_t maxBytes, std::string* out,
+                     std::string* error) {
+  return Read(path, true, maxBytes, out, error);
+}
+
 bool WriteFileAtomically(const std::string& path, const std::string& data, std::string* error) {
+  if (RefuseNul(path, "open", error)) return false;
   if (path.empty()) {
     SetError(error, "open", path, ENOENT);
     return false;
@@ -299,6 +343,7 @@ std::string ExpandPath(const std::string& path) {
 }
 
 bool GetDirectoryContents(const std::string& path, std::vector<std::string>* names) {
+  if (RefuseNul(path, "opendir", nullptr)) return false;
   std::unique_ptr<DIR, DirCloser> dir(::opendir(path.c_str()));
   if (!dir) return false;
   std::vector<std::string> found;
@@ -321,7 +366,7 @@ bool GetDirectoryContents(const std::string& path, std::vector<std::string>* nam
 bool GetDevNumbers(const std::string& path, unsigned int* majorNumber,
                    unsigned int* minorNumber) {
   struct stat st;
-  if (::stat(path.c_str(), &st) != 0) return false;
+  if (RefuseNul(path, "stat", nullptr) || ::stat(path.c_str(), &st) != 0) return false;
   dev_t device = S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode) ? st.st_rdev : st.st_dev;
   if (majorNumber != nullptr) *majorNumber = major(device);
   if (minorNumber != nullptr) *minorNumber = minor(device);
@@ -331,7 +376,7 @@ bool GetDevNumbers(const std::string& path, unsigned int* majorNumber,
 bool GetDiskSpaceInfo(const std::string& path, uint64_t* total, uint64_t* avail,
                       uint64_t* free) {
   struct statvfs info;
-  if (::statvfs(path.c_str(), &info) != 0) return false;
+  if (RefuseNul(path, "statvfs", nullptr) || ::statvfs(path.c_str(), &info) != 0) return false;
   // f_frsize is the unit of the block counts; a few old file systems leave it 0.
   uint64_t unit = info.f_frsize != 0 ? info.f_frsize : info.f_bsize;
   if (total != nullptr) *total = SaturatingProduct(info.f_blocks, unit);

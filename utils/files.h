@@ -1,8 +1,11 @@
 // Files, directories and paths: status for change detection, whole-file read and
 // atomic write, path expansion, directory listing, device numbers and disk space.
-// Failures are reported as false results; the functions never throw.
+// Failures are reported as false results; the functions never throw. A path
+// that holds a NUL byte fails in every one of them (the system would read it
+// as a shorter path).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -37,6 +40,12 @@ FileStatus GetStatus(const std::string& path);
 // Reads the whole file into *out (replacing its content). On failure returns
 // false and, when `error` is not null, a message naming the path and the cause.
 bool ReadFile(const std::string& path, std::string* out, std::string* error = nullptr);
+
+// ReadFile for input that someone else may have chosen: refuses, with the
+// reason in *error, anything but a regular file (a FIFO or a device such as
+// /dev/zero would be read without end) and a file of more than `maxBytes`.
+bool ReadRegularFile(const std::string& path, size_t maxBytes, std::string* out,
+                     std::string* error = nullptr);
 
 // Replaces the file's content so that a crash at any point leaves either the old
 // or the new content: writes a temporary file in the same directory, syncs it,

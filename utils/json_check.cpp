@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "utils/internal/native_stack.h"
 #include "utils/internal/utf8.h"
 
 namespace utils {
@@ -54,6 +55,7 @@ class Checker {
 
   bool Object(int depth) {
     if (depth >= maxDepth_) return Fail(p_, "nesting deeper than " + std::to_string(maxDepth_) + " levels");
+    if (NativeStackLeft() < kNativeStackReserve) return Fail(p_, "nesting too deep for the thread's stack");
     ++p_;
     SkipSpace();
     if (p_ != end_ && *p_ == '}') {
@@ -84,6 +86,7 @@ class Checker {
 
   bool Array(int depth) {
     if (depth >= maxDepth_) return Fail(p_, "nesting deeper than " + std::to_string(maxDepth_) + " levels");
+    if (NativeStackLeft() < kNativeStackReserve) return Fail(p_, "nesting too deep for the thread's stack");
     ++p_;
     SkipSpace();
     if (p_ != end_ && *p_ == ']') {

@@ -82,9 +82,12 @@ bool JsonPersistentStorage::Reload(std::string* error) {
   Json::Value loaded(Json::objectValue);
   std::string text, reason;
   struct stat st;
-  // A store that was never saved has no file yet.
-  bool missing = ::stat(path_.c_str(), &st) != 0 && errno == ENOENT;
-  bool ok = missing || (ReadFile(path_, &text, &reason) && ParseObject(text, &loaded, &reason));
+  // A store that was never saved has no file yet. (A path with a NUL names
+  // no file; ReadRegularFile says so.)
+  bool missing = path_.find('\0') == std::string::npos && ::stat(path_.c_str(), &st) != 0 &&
+                 errno == ENOENT;
+  bool ok = missing || (ReadRegularFile(path_, kMaxJsonFileBytes, &text, &reason) &&
+                        ParseObject(text, &loaded, &reason));
   if (!ok) {
     std::string message = "cannot load " + path_ + ": " + reason;
     CORVANE_LOG(UtilsLogger(), zullog::SeverityWarning, kModule)

@@ -2,6 +2,7 @@
 // small state that must survive restarts.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,10 @@
 #include "thread_mutex.h"
 
 namespace utils {
+
+// The largest JSON file that the store (and the json script library) reads:
+// the text and the values made of it take several times this much memory.
+constexpr size_t kMaxJsonFileBytes = size_t{256} << 20;
 
 // Key/value store over one file holding a JSON object. Every method may be
 // called from any thread. Changes stay in memory until Save(), which replaces
@@ -30,7 +35,8 @@ class JsonPersistentStorage : private Noncopyable {
   bool IsLoaded(std::string* error = nullptr) const;
 
   // Re-reads the file, dropping unsaved changes. A missing file gives an empty
-  // store. On failure the content in memory stays as it was, and the reason is
+  // store; one that is not a regular file, or larger than kMaxJsonFileBytes,
+  // fails. On failure the content in memory stays as it was, and the reason is
   // returned in *error and logged.
   bool Reload(std::string* error = nullptr);
 

@@ -53,6 +53,8 @@ class JsonWriter {
   void Unsigned(unsigned long long value);
   // False, with nothing written, for NaN and the infinities.
   bool Double(double value);
+  // 1e999 or -1e999: beyond the doubles, so readers make an infinity of it.
+  void Infinity(bool negative) { negative ? text_.append("-1e999", 6) : text_.append("1e999", 5); }
   // False at the first byte that does not begin valid UTF-8, with its offset
   // in *badOffset (when not null); the text is then left as it was.
   bool String(const char* data, size_t size, size_t* badOffset = nullptr);

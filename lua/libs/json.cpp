@@ -5,6 +5,8 @@
 // and objects are annotated, null members and elements are left out, and the
 // annotation decides how a table is written back where its keys allow both
 // forms (an empty table, or one with index keys only).
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -31,6 +33,7 @@
 #include "lua/runtime.h"
 #include "lua/wrap_func.h"
 #include "utils/files.h"
+#include "utils/internal/native_stack.h"
 #include "utils/json_check.h"
 #include "utils/json_storage.h"
 #include "utils/json_writer.h"
@@ -270,7 +273,7 @@ class Decoder {
   // known: growing a table step by step rehashes it at every doubling. A
   // very long container is moved in parts, to keep within the stack limit.
   simdjson::error_code Array(ondemand::array& array, int depth) {
-    if (depth >= kMaxJsonDepth) return simdjson::DEPTH_ERROR;
+    if (depth >= kMaxJsonDepth || utils::NativeStackLeft() < utils::kNativeStackReserve) return simdjson::DEPTH_ERROR;
     const int base = lua_gettop(L_);
     bool made = false;
     lua_Integer count = 0;   // elements read, nulls included
@@ -301,7 +304,7 @@ class Decoder {
   }
 
   simdjson::error_code Object(ondemand::object& object, int depth) {
-    if (depth >= kMaxJsonDepth) return simdjson::DEPTH_ERROR;
+    if (depth >= kMaxJsonDepth || utils::NativeStackLeft() < utils::kNativeStackReserve) return simdjson::DEPTH_ERROR;
     const int base = lua_gettop(L_);
     bool made = false;
     int pending = 0;  // members on the stack
@@ -469,6 +472,8 @@ bool DecodeText(lua_State* L, const char* text, size_t size, std::string* error)
   std::string reason;
   if (!utils::CheckJsonText(text, text + size, kMaxJsonDepth, &offset, &reason)) {
     *error = reason + " at byte offset " + std::to_string(offset);
+  } else if (failure == simdjson::DEPTH_ERROR) {  // within the limit: the stack ran short
+    *error = "nesting too deep for the thread's stack";
   } else {
     *error = simdjson::error_message(failure);
   }
@@ -498,7 +503,7 @@ struct EncodeError {
 
 class Encoder {
  public:
-  Encoder(lua_State* L, bool pretty) : L_(L), writer_(pretty) {
+  Encoder(lua_State* L, bool pretty, bool finiteOnly) : L_(L), writer_(pretty), finiteOnly_(finiteOnly) {
     luaL_checkstack(L_, 10, "json.encode");
     metas_ = detatils::PushAllMetadatas(L_);
   }
@@ -511,7 +516,11 @@ class Encoder {
         if (lua_isinteger(L_, index)) {
           writer_.Integer(lua_tointeger(L_, index));
         } else if (!writer_.Double(lua_tonumber(L_, index))) {
-          throw EncodeError{"cannot encode NaN or infinity"};
+          // Decoding turns a number beyond the doubles into an infinity;
+          // 1e999 is such a number, so the infinities survive a round trip.
+          const lua_Number number = lua_tonumber(L_, index);
+          if (std::isnan(number) || finiteOnly_) Fail("cannot encode NaN or infinity");
+          writer_.Infinity(number < 0);
         }
         return;
       case LUA_TSTRING: String(index, "string"); return;
@@ -524,53 +533,54 @@ class Encoder {
         break;
       default: break;
     }
-    throw EncodeError{std::string("cannot encode a ") + luaL_typename(L_, index)};
+    Fail("cannot encode a ", luaL_typename(L_, index));
   }
 
   std::string Take() { return writer_.Take(); }
 
  private:
+  // The error texts are put together out of line: strings in the frames of
+  // the recursion would cost stack at every level (see Table).
+  [[noreturn]] __attribute__((noinline, cold)) static void Fail(const char* a, const char* b = "", const char* c = "") {
+    throw EncodeError{std::string(a) + b + c};
+  }
+
+  [[noreturn]] __attribute__((noinline, cold)) static void FailUtf8(const char* what, size_t bad) {
+    Fail(what, " is not valid UTF-8 (byte ", (std::to_string(bad) + ")").c_str());
+  }
+
+  [[noreturn]] __attribute__((noinline, cold)) static void FailSparse(lua_Integer maxIndex, lua_Integer count) {
+    Fail(("array too sparse (index " + std::to_string(maxIndex) + " with " + std::to_string(count) + " elements)")
+             .c_str());
+  }
+
   void String(int index, const char* what) {
     size_t size = 0;
     const char* text = lua_tolstring(L_, index, &size);
     size_t bad = 0;
     if (!writer_.String(text, size, &bad)) {
-      throw EncodeError{std::string(what) + " is not valid UTF-8 (byte " + std::to_string(bad) + ")"};
+      FailUtf8(what, bad);
     }
   }
 
   void Table(int index, int depth) {
-    if (depth >= kMaxJsonDepth) {
-      throw EncodeError{"tables nested deeper than " + std::to_string(kMaxJsonDepth) + " levels"};
-    }
+    static_assert(kMaxJsonDepth == 1000, "the text below names the limit");
+    if (depth >= kMaxJsonDepth) Fail("tables nested deeper than 1000 levels");
+    // The nesting limit needs more stack than a small thread has; the limit
+    // follows the thread's stack there.
+    if (utils::NativeStackLeft() < utils::kNativeStackReserve) Fail("tables nested too deep for the thread's stack");
     const void* identity = lua_topointer(L_, index);
     for (const void* open : path_) {
-      if (open == identity) throw EncodeError{"a table contains itself"};
+      if (open == identity) Fail("a table contains itself");
     }
     luaL_checkstack(L_, 10, "json.encode");
     path_.push_back(identity);
-    // A key that is not an index makes an object whatever the annotation
-    // says, so objects with named members are written without looking their
-    // annotation up: the lookup is a probe into a table as large as all
-    // annotated tables together, and costs more than writing a small object.
-    if (lua_rawlen(L_, index) == 0) {
-      lua_pushnil(L_);
-      if (lua_next(L_, index) != 0) {  // [key, value]
-        const bool named = !IsIndex(-2);
-        lua_pop(L_, 2);
-        if (named) {
-          Object(index, depth);
-          path_.pop_back();
-          return;
-        }
-      }
-    }
     const lua_Integer annotation = detatils::AnnotationOf(L_, metas_, index);
     switch (annotation) {
       case JsonAnnotatedObject: Object(index, depth); break;
       case JsonAnnotatedArray: Array(index, depth, true); break;
       case JsonNotAnnotated: Array(index, depth, false); break;
-      default: throw EncodeError{"bad annotated type " + std::to_string(annotation)};
+      default: FailAnnotation(annotation);
     }
     path_.pop_back();
   }
@@ -580,27 +590,18 @@ class Encoder {
   // A table with index keys only (an empty one included) is an array unless
   // it is annotated as an object; one that is not annotated as an array
   // becomes an object all the same when most positions would be holes (see
-  // TooSparse).
+  // TooSparse), or when it has any other key. Every key is looked at before
+  // anything is written: a border (#t) says nothing about the keys in the
+  // hash part, and an array written from it would drop them.
   void Array(int index, int depth, bool annotated) {
-    // Most arrays are sequences: write 1..#t, then make sure nothing follows.
-    const lua_Integer border = static_cast<lua_Integer>(lua_rawlen(L_, index));
-    if (border > 0) {
-      const utils::JsonWriter::Mark mark = writer_.GetMark();
-      const lua_Integer count = Elements(index, border, depth);
-      if (!TooSparse(border, count, annotated)) {
-        lua_pushinteger(L_, border);
-        if (lua_next(L_, index) == 0) return;
-        lua_pop(L_, 2);
-      }
-      writer_.Rewind(mark);
-    }
-
+    if (Sequence(index, depth)) return;
     lua_Integer maxIndex = 0;
     lua_Integer count = 0;
     lua_pushnil(L_);
     while (lua_next(L_, index) != 0) {  // [key, value]
       lua_pop(L_, 1);
       if (!IsIndex(-1)) {
+        if (annotated) FailKey(-1);
         lua_pop(L_, 1);
         Object(index, depth);
         return;
@@ -611,8 +612,7 @@ class Encoder {
     }
     if (TooSparse(maxIndex, count, annotated)) {
       if (annotated) {
-        throw EncodeError{"array too sparse (index " + std::to_string(maxIndex) + " with " + std::to_string(count) +
-                          " elements)"};
+        FailSparse(maxIndex, count);
       }
       Object(index, depth);
       return;
@@ -620,22 +620,58 @@ class Encoder {
     Elements(index, maxIndex, depth);
   }
 
-  // Writes t[1..n] as an array, holes as null; returns how many were not.
-  lua_Integer Elements(int index, lua_Integer n, int depth) {
+  // Most arrays are sequences held in the table's array part, which lua_next
+  // walks in order: those are written in one pass, each value as it comes.
+  // Any other key, or a gap, rewinds to the start and leaves the table to
+  // the general path.
+  bool Sequence(int index, int depth) {
+    const utils::JsonWriter::Mark mark = writer_.GetMark();
     writer_.Open('[');
-    lua_Integer count = 0;
+    lua_Integer expected = 1;
+    lua_pushnil(L_);
+    while (lua_next(L_, index) != 0) {  // [key, value]
+      if (!lua_isinteger(L_, -2) || lua_tointeger(L_, -2) != expected) {
+        lua_pop(L_, 2);
+        writer_.Rewind(mark);
+        return false;
+      }
+      writer_.Item(expected == 1);
+      Value(lua_gettop(L_), depth + 1);
+      lua_pop(L_, 1);
+      ++expected;
+    }
+    writer_.Close(']', expected == 1);
+    return true;
+  }
+
+  [[noreturn]] __attribute__((noinline, cold)) static void FailAnnotation(lua_Integer annotation) {
+    Fail("bad annotated type ", std::to_string(annotation).c_str());
+  }
+
+  // Names the key (its first bytes, for a string or a number) or its type.
+  [[noreturn]] __attribute__((noinline, cold)) void FailKey(int index) {
+    const char what[] = "a table annotated as an array has the key ";
+    const int type = lua_type(L_, index);
+    if (type != LUA_TSTRING && type != LUA_TNUMBER) Fail(what, "of type ", luaL_typename(L_, index));
+    lua_pushvalue(L_, index);
+    size_t size = 0;
+    const char* text = lua_tolstring(L_, -1, &size);
+    Fail(what, ("'" + std::string(text, std::min<size_t>(size, 64)) + "'").c_str());
+  }
+
+  // Writes t[1..n] as an array, holes as null.
+  void Elements(int index, lua_Integer n, int depth) {
+    writer_.Open('[');
     for (lua_Integer i = 1; i <= n; ++i) {
       writer_.Item(i == 1);
       if (lua_rawgeti(L_, index, i) == LUA_TNIL) {
         writer_.Null();
       } else {
-        ++count;
         Value(lua_gettop(L_), depth + 1);
       }
       lua_pop(L_, 1);
     }
     writer_.Close(']', n == 0);
-    return count;
   }
 
   void Object(int index, int depth) {
@@ -666,21 +702,25 @@ class Encoder {
       }
       default: break;
     }
-    throw EncodeError{std::string("cannot use a ") + luaL_typename(L_, index) + " as an object key"};
+    Fail("cannot use a ", luaL_typename(L_, index), " as an object key");
   }
 
   lua_State* L_;
   utils::JsonWriter writer_;
+  const bool finiteOnly_;
   int metas_ = 0;
   std::vector<const void*> path_;  // tables being written, outermost first
 };
 
 // The value at `index` as JSON text, or false with the reason in *error.
-bool EncodeValue(lua_State* L, int index, bool pretty, std::string* text, std::string* error) {
+// `finiteOnly` refuses the infinities too, for a store whose file is written
+// by the host writer, which has no form for them.
+bool EncodeValue(lua_State* L, int index, bool pretty, std::string* text, std::string* error,
+                 bool finiteOnly = false) {
   const int top = lua_gettop(L);
   bool encoded = true;
   try {
-    Encoder encoder(L, pretty);
+    Encoder encoder(L, pretty, finiteOnly);
     encoder.Value(index, 0);
     *text = encoder.Take();
   } catch (const EncodeError& e) {
@@ -716,6 +756,13 @@ std::string StringArg(boost::shared_ptr<RunTime>& rt, int index, const char* nam
   size_t size = 0;
   const char* text = lua_tolstring(L, index, &size);
   return std::string(text, size);
+}
+
+// The system would end the path at a NUL and use another file.
+std::string PathArg(boost::shared_ptr<RunTime>& rt, int index) {
+  std::string path = StringArg(rt, index, "path");
+  if (path.find('\0') != std::string::npos) rt->Error("Bad argument: path contains a NUL byte");
+  return path;
 }
 
 int PushFailure(lua_State* L, const std::string& message) {
@@ -778,18 +825,18 @@ int MakeObject(boost::shared_ptr<RunTime>& rt, const Args& args) {
 
 int Load(boost::shared_ptr<RunTime>& rt, const Args& args) {
   if (args.size() != 1) rt->Error("Bad arguments, expected: (path)");
-  const std::string path = StringArg(rt, 1, "path");
+  const std::string path = PathArg(rt, 1);
   lua_State* L = rt->State();
   std::string text;
   std::string error;
-  if (!utils::ReadFile(path, &text, &error)) return PushFailure(L, error);
+  if (!utils::ReadRegularFile(path, utils::kMaxJsonFileBytes, &text, &error)) return PushFailure(L, error);
   if (DecodeText(L, text.data(), text.size(), &error)) return 1;
   return PushFailure(L, path + ": " + error);
 }
 
 int Save(boost::shared_ptr<RunTime>& rt, const Args& args) {
   if (args.size() < 2 || args.size() > 3) rt->Error("Bad arguments, expected: (path, value[, {pretty = bool}])");
-  const std::string path = StringArg(rt, 1, "path");
+  const std::string path = PathArg(rt, 1);
   const bool pretty = ReadPretty(rt, 3);
   lua_State* L = rt->State();
   std::string text;
@@ -803,7 +850,7 @@ int Save(boost::shared_ptr<RunTime>& rt, const Args& args) {
 
 int OpenStorage(boost::shared_ptr<RunTime>& rt, const Args& args) {
   if (args.size() != 1) rt->Error("Bad arguments, expected: (path)");
-  const std::string path = StringArg(rt, 1, "path");
+  const std::string path = PathArg(rt, 1);
   lua_State* L = rt->State();
   Storage storage = std::make_shared<utils::JsonPersistentStorage>(path);
   std::string error;
@@ -854,7 +901,7 @@ int StorageSet(boost::shared_ptr<RunTime>& rt, const Args& args) {
   // Through the text, so that a stored value follows json.encode's rules.
   std::string text;
   std::string error;
-  if (!EncodeValue(L, 3, false, &text, &error)) rt->Error("json.storage: " + error);
+  if (!EncodeValue(L, 3, false, &text, &error, true)) rt->Error("json.storage: " + error);
   Json::Value value;
   std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
   if (!reader->parse(text.data(), text.data() + text.size(), &value, &error)) rt->Error("json.storage: " + error);

@@ -124,10 +124,26 @@ local function parseSax(content, callbacks, options)
   local foundElement = false
 
   -- Namespace scopes, one per open element. defaults[d] is the default
-  -- namespace in force at depth d (nil when none); prefixes[d] maps the
-  -- prefixes declared at d, or is false.
+  -- namespace in force at depth d (nil when none). bound maps each prefix
+  -- to the innermost declaration in force; hidden[d] keeps what the
+  -- declarations at d replaced (false for nothing), put back when d closes,
+  -- so a lookup costs the same at any depth.
   local depth = 0
-  local defaults, prefixes = {}, {}
+  local defaults, bound, hidden = {}, {}, {}
+
+  local function closeScope()
+    if depth == 0 then
+      return
+    end
+    local replaced = hidden[depth]
+    if replaced then
+      for prefix, uri in pairs(replaced) do
+        bound[prefix] = uri or nil
+      end
+      hidden[depth] = false
+    end
+    depth = depth - 1
+  end
 
   -- The opening tag being read: its events wait for the tag end so that
   -- declarations anywhere in the tag apply to the whole tag.
@@ -139,11 +155,9 @@ local function parseSax(content, callbacks, options)
     if prefix == "xml" then
       return XML_NAMESPACE
     end
-    for d = depth, 1, -1 do
-      local uri = prefixes[d] and prefixes[d][prefix]
-      if uri then
-        return uri
-      end
+    local uri = bound[prefix]
+    if uri then
+      return uri
     end
     error(format("Cannot find namespace for prefix %s", prefix))
   end
@@ -202,9 +216,12 @@ local function parseSax(content, callbacks, options)
     end
     if prefix == "xmlns" then
       -- Declarations keep their full name and report no prefix.
-      local declared = prefixes[depth] or {}
-      declared[name] = value
-      prefixes[depth] = declared
+      local replaced = hidden[depth] or {}
+      if replaced[name] == nil then
+        replaced[name] = bound[name] or false
+      end
+      hidden[depth] = replaced
+      bound[name] = value
       name, prefix = "xmlns:" .. name, false
     elseif name == "xmlns" and not prefix then
       defaults[depth] = value ~= "" and value or nil
@@ -232,7 +249,7 @@ local function parseSax(content, callbacks, options)
       end
     end
     if isEmpty then
-      depth = depth - 1
+      closeScope()
       if onClose then
         onClose(tagName, namespace, tagPrefix)
       end
@@ -291,7 +308,7 @@ local function parseSax(content, callbacks, options)
     flushText(at)
     foundElement = true
     depth = depth + 1
-    defaults[depth], prefixes[depth] = defaults[depth - 1], false
+    defaults[depth], hidden[depth] = defaults[depth - 1], false
     tagName, tagPrefix, attributeCount = name, prefix, 0
     return attributesAndTagEnd(last + 1)
   end
@@ -303,9 +320,7 @@ local function parseSax(content, callbacks, options)
     end
     flushText(at)
     local namespace = resolve(prefix)
-    if depth > 0 then
-      depth = depth - 1
-    end
+    closeScope()
     if onClose then
       onClose(name, namespace)
     end
@@ -403,9 +418,7 @@ local function parseSax(content, callbacks, options)
       if slash == "/" then
         -- Tags are not matched here, so a stray closing tag must not make
         -- the depth negative.
-        if depth > 0 then
-          depth = depth - 1
-        end
+        closeScope()
         if onClose then
           onClose(name, namespace)
         end
@@ -420,7 +433,7 @@ local function parseSax(content, callbacks, options)
           end
         else
           depth = depth + 1
-          defaults[depth], prefixes[depth] = defaults[depth - 1], false
+          defaults[depth], hidden[depth] = defaults[depth - 1], false
         end
       end
       after = last + 1
@@ -443,6 +456,10 @@ local function parseSax(content, callbacks, options)
 end
 
 local function readFile(fileName)
+  -- io.open would stop at the NUL and open another file.
+  if type(fileName) == "string" and find(fileName, "\0", 1, true) then
+    error("Bad argument: path contains a NUL byte")
+  end
   local file = io.open(fileName, "rb")
   local content = file:read("a")
   file:close()
@@ -591,6 +608,18 @@ local ATTRIBUTE_ESCAPES = {
   ["&"] = "&amp;", ["<"] = "&lt;", [">"] = "&gt;", ["\""] = "&quot;", ["'"] = "&apos;",
 }
 
+-- Names are written as they stand, so one that is not an XML name would
+-- write markup of the caller's choosing. Bytes from 0x80 up are let through:
+-- they cannot end a tag or a value.
+local XML_NAME = "^[A-Za-z_:\128-\255][A-Za-z0-9_:%.%-\128-\255]*$"
+
+local function checkName(name, what)
+  if type(name) ~= "string" or not find(name, XML_NAME) then
+    error(format("Invalid %s name %q", what, tostring(name)))
+  end
+  return name
+end
+
 -- Used by every write() call without options; it keeps what write() sets in it.
 local sharedWriteOptions = {}
 
@@ -617,11 +646,11 @@ function writeNode(out, node, level, options)
     if escape then
       value = gsub(value, "[&<>\"']", ATTRIBUTE_ESCAPES)
     end
-    attributes[#attributes + 1] = format(" %s=\"%s\"", name, value)
+    attributes[#attributes + 1] = format(" %s=\"%s\"", checkName(name, "attribute"), value)
   end
   attributes = concat(attributes)
 
-  local name, text, children = node["#name"], node["#text"], node.childElems
+  local name, text, children = checkName(node["#name"], "element"), node["#text"], node.childElems
   local hasChildren = next(children) ~= nil
   if (text == nil or text == "") and not hasChildren then
     out[#out + 1] = format("<%s%s/>", name, attributes)

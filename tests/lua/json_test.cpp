@@ -92,8 +92,12 @@ TEST_F(JsonConversion, AnnotationOrElseTheKeysDecideTheKind) {
       {"return json.array({[0] = 1})", "AsJsonArray(): invalid array index: '0'"},
       {"return json.array({[1.5] = 1})", "AsJsonArray(): invalid array index: '1.5'"},
       {"local t = {} json['_$meta'][t] = {type = 7} return t", "AsJsonValue(): bad annotated type: '7'"},
+      // A few keys must not ask for gigabytes of nulls (the bound is 1000000).
+      {"return {[1] = 1, [4000000000] = 2}", "AsJsonValue(): array too sparse (index 4000000000 with 2 elements)"},
+      {"return json.array({[1000001] = 1})", "AsJsonValue(): array too sparse (index 1000001 with 1 elements)"},
   };
   for (const auto& [code, json] : cases) EXPECT_EQ(ScriptToJson(code), json) << code;
+  EXPECT_EQ(ScriptToJson("return {[1000000] = 1}").size(), 4999998u);
   // Values without a JSON form become their tostring() text.
   EXPECT_TRUE(StartsWith(ScriptToJson("return {print}"), "[\"function: "));
   // The explicit forms ignore the annotation.

@@ -160,6 +160,7 @@ TEST_F(Runner, ErrorsExitWithOne) {
 
 TEST_F(Runner, BadUsageExitsWithTwo) {
   const std::string script = Script("ok.lua", "return 1");
+  const std::string deep = std::string(1001, '[') + std::string(1001, ']');
   const std::vector<std::vector<std::string>> cases = {
       {},
       {"walk", script},
@@ -169,6 +170,9 @@ TEST_F(Runner, BadUsageExitsWithTwo) {
       {"run", script, "--args", "5"},
       {"run", script, "--call-args", "[]"},
       {"run", script, "--call", "f", "--call-args", "{}"},
+      {"run", script, "--call", "f", "--call-args", deep},
+      {"eval", "return 1", "--args", deep},
+      {"eval", "return 1", "--args", "[18446744073709551615]"},
       {"run", script, "--verbose", "yes"},
       {"eval", "return 1", "--call", "f"},
       {"-e", "return 1", "--quiet=yes"},

@@ -89,6 +89,13 @@ TEST_F(TempDir, FailedWriteLeavesOldContentAndNoTemporaryFile) {
   EXPECT_NE(error.find(Path("missing")), std::string::npos) << error;
   EXPECT_FALSE(utils::ReadFile(Path("absent"), &read, &error));
   EXPECT_NE(error.find(Path("absent")), std::string::npos) << error;
+
+  // The system would end a path at a NUL (here: at state.json); all refuse it.
+  const std::string cut = path + '\0' + ".new";
+  std::vector<std::string> names;
+  EXPECT_FALSE(utils::WriteFileAtomically(cut, "new") || utils::ReadFile(cut, &read) || utils::GetStatus(cut).exists ||
+               utils::GetDirectoryContents(dir_ + '\0', &names) || utils::GetDevNumbers(cut, nullptr, nullptr) ||
+               utils::GetDiskSpaceInfo(cut, nullptr, nullptr, nullptr));
 }
 
 TEST_F(TempDir, StatusChangesWhenTheFileIsReplaced) {

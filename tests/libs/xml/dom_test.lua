@@ -63,6 +63,8 @@ check.test("Dom.ParseFileReadsTheWholeFile", function()
   local file = assert(io.open(fileName, "wb"))
   file:write("<a> x <b/></a>")
   file:close()
+  -- A NUL must not cut the name short and open the file before it.
+  check.raises("path contains a NUL byte", xml.dom.parseFile, fileName .. "\0x")
   local doc = xml.dom.parseFile(fileName, { stripWhitespace = true })
   local texts = {}
   xml.sax.parseFile(fileName, { text = function(text) texts[#texts + 1] = text end })

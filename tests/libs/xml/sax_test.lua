@@ -80,6 +80,7 @@ check.test("Sax.NamespacesResolveFromInnermostScope", function()
   <inner xmlns="urn:inner"><leaf/></inner>
   <late a:x="v" xmlns:a="urn:late"/>
   <q:x xmlns:q="urn:q"></q:x>
+  <p:s xmlns:p="urn:s"><p:e xmlns:p="urn:e"/><p:i/></p:s><p:back/>
   <none xmlns=""><deep/></none>
   <t xml:lang="en"></t>
 </r>]]
@@ -92,6 +93,10 @@ check.test("Sax.NamespacesResolveFromInnermostScope", function()
     "start|late|urn:default|nil", "attr|x|v|urn:late|a", "attr|xmlns:a|urn:late|nil|nil",
     "close|late|urn:default|nil",
     "start|x|urn:q|q", "attr|xmlns:q|urn:q|nil|nil", "close|x|urn:q|nil",
+    -- A redeclared prefix is hidden only until its element closes.
+    "start|s|urn:s|p", "attr|xmlns:p|urn:s|nil|nil", "start|e|urn:e|p", "attr|xmlns:p|urn:e|nil|nil",
+    "close|e|urn:e|p", "start|i|urn:s|p", "close|i|urn:s|p", "close|s|urn:s|nil", "start|back|urn:p|p",
+    "close|back|urn:p|p",
     "start|none|nil|nil", "attr|xmlns||nil|nil", "start|deep|nil|nil", "close|deep|nil|nil",
     "close|none|nil|nil",
     "start|t|urn:default|nil", "attr|lang|en|http://www.w3.org/XML/1998/namespace|xml",

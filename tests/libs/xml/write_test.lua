@@ -63,12 +63,19 @@ check.test("Write.CompletesTheCallersOptionsAndKeepsItsOwnDefaults", function()
   check.equal(xml.write(doc), DECLARATION .. "<a>&lt;</a>")
 end)
 
-check.test("Write.RaisesOnTreesThatAreNoDocument", function()
+check.test("Write.RaisesOnTreesItCannotWrite", function()
   local root = xml.dom.parseStr("<a/>").a
   check.raises("Invalid XML table format", xml.write, { childElems = { root } })
   local doc = xml.dom.parseStr("<a/>")
   xml.dom.addElement(doc, "b")
   check.raises("Multiple root elements encountered", xml.write, doc)
+  -- Names are not escaped, so one that is no XML name would inject markup.
+  doc = xml.dom.parseStr("<a/>")
+  xml.dom.addElement(doc.a, 'x"><evil/><y z="')
+  check.raises("Invalid element name", xml.write, doc)
+  doc.a.childElems = {}
+  doc.a["#attr"]['x="1"><evil/'] = "v"
+  check.raises("Invalid attribute name", xml.write, doc)
 end)
 
 check.test("Write.ParseWriteParseKeepsTheTree", function()
