@@ -58,11 +58,13 @@ TEST_F(HttpRequest, DownloadsStaticBodiesOfEverySizeOverHttpAndHttps) {
 
 TEST_F(HttpRequest, TlsVerificationFailsOnAWrongNameUnlessLenient) {
   const std::string url = servers_->site.HttpsUrl("127.0.0.1", "/files/1024");
-  EXPECT_EQ(Get(url), utils::HttpRequestFailed);
+  EXPECT_EQ(Get(url), utils::HttpRequestTlsFailed);
+  EXPECT_NE(response_.ErrorText().find("host name"), std::string::npos) << response_.ErrorText();
   utils::HttpRequestParams lenient;
   lenient.lenientTls = true;
   EXPECT_EQ(Get(url, lenient), 200);
   EXPECT_EQ(body_.size(), 1024u);
+  EXPECT_EQ(response_.ErrorText(), "");
 }
 
 TEST_F(HttpRequest, FollowsEveryRedirectKindUpToTheLimit) {
@@ -101,17 +103,51 @@ TEST_F(HttpRequest, RedirectsRewriteMethodAndBodyAsBrowsersDo) {
   }
 }
 
-TEST_F(HttpRequest, SendsBasicCredentialsOnlyToTheirOwnHost) {
+TEST_F(HttpRequest, CredentialsStayWithTheirOriginAcrossRedirects) {
   EXPECT_EQ(Get(servers_->site.HttpUrl("/private/secret")), 401);
   const std::string withUser = "http://bob:pw@127.0.0.1:" + std::to_string(servers_->site.HttpPort()) + "/private/secret";
   EXPECT_EQ(Get(withUser), 200);
   EXPECT_EQ(body_, "for bob\n");
-  // "localhost" is another host by name, so the redirect drops the credentials.
-  const std::string base = "http://bob:pw@127.0.0.1:" + std::to_string(servers_->peer.Port());
-  ASSERT_EQ(Get(base + "/redirect?302&/echo"), 200);
-  EXPECT_NE(body_.find("Authorization: Basic Ym9iOnB3"), std::string::npos) << body_;
-  ASSERT_EQ(Get(base + "/redirect?302&http://localhost:PORT/echo"), 200);
-  EXPECT_EQ(body_.find("Authorization"), std::string::npos) << body_;
+
+  const std::string peer = "127.0.0.1:" + std::to_string(servers_->peer.Port());
+  const std::string echo = "http://" + peer + "/echo";
+  const std::string viaNginx = "127.0.0.1:" + std::to_string(servers_->site.HttpPort()) + "/goto?to=" + echo;
+  const std::string viaHttps = "localhost:" + std::to_string(servers_->site.HttpsPort()) + "/goto?to=" + echo;
+  const struct {
+    std::string url;
+    bool callerHeaders;
+    int expected;
+    bool credentialsArrive;
+  } cases[] = {
+      {"http://bob:pw@" + peer + "/redirect?302&/echo", false, 200, true},  // same origin
+      {"http://" + peer + "/redirect?302&/echo", true, 200, true},
+      {"http://bob:pw@" + peer + "/redirect?302&http://localhost:PORT/echo", false, 200, false},  // other host
+      {"http://" + peer + "/redirect?302&http://localhost:PORT/echo", true, 200, false},
+      {"http://bob:pw@" + viaNginx, false, 200, false},  // same host, other port
+      {"http://" + viaNginx, true, 200, false},
+      {"https://" + viaHttps, false, 200, false},  // https to http without credentials is followed
+      {"https://bob:pw@" + viaHttps, false, utils::HttpRequestRedirectRefused, false},
+      {"https://" + viaHttps, true, utils::HttpRequestRedirectRefused, false},
+  };
+  for (const auto& c : cases) {
+    utils::HttpRequestParams params;
+    params.headers.AddValue("X-Keep", "1");
+    if (c.callerHeaders) {
+      params.headers.AddValue("Authorization", "Bearer t");
+      params.headers.AddValue("Cookie", "c=1");
+    }
+    // Meant for a proxy; with none it never goes out.
+    params.headers.AddValue("Proxy-Authorization", "Basic cHJveHk6cHc=");
+    ASSERT_EQ(Get(c.url, params), c.expected) << c.url << ": " << response_.ErrorText();
+    if (c.expected != 200) continue;
+    EXPECT_NE(body_.find("X-Keep: 1\r\n"), std::string::npos) << c.url;
+    EXPECT_EQ(body_.find("Authorization: Basic Ym9iOnB3") != std::string::npos,
+              c.credentialsArrive && !c.callerHeaders) << c.url << body_;
+    EXPECT_EQ(body_.find("Authorization: Bearer t") != std::string::npos, c.credentialsArrive && c.callerHeaders)
+        << c.url;
+    EXPECT_EQ(body_.find("Cookie: c=1") != std::string::npos, c.credentialsArrive && c.callerHeaders) << c.url;
+    EXPECT_EQ(body_.find("Proxy-Authorization"), std::string::npos) << c.url;
+  }
 }
 
 TEST_F(HttpRequest, AnswersDigestChallengesOnce) {
@@ -142,11 +178,37 @@ TEST_F(HttpRequest, SendsWhatTheParametersAsk) {
   EXPECT_EQ(body_.find("999"), std::string::npos);
   EXPECT_EQ(body_.substr(body_.size() - 100000), params.body);
 
-  EXPECT_EQ(utils::PerformHttpRequest("GET / HTTP/1.1\r\nX:", servers_->peer.Url("/echo"), params, &body_, &response_),
-            utils::HttpRequestFailed);
-  params.headers.AddValue("X-Bad", "a\r\nInjected: 1");
-  EXPECT_EQ(utils::PerformHttpRequest("POST", servers_->peer.Url("/echo"), params, &body_, &response_),
-            utils::HttpRequestFailed);
+}
+
+TEST_F(HttpRequest, RefusesLineBreaksAndNulInEveryHeadValue) {
+  const std::string peer = "127.0.0.1:" + std::to_string(servers_->peer.Port());
+  const struct {
+    const char* method;
+    std::string url;
+    const char* headerName;
+    std::string headerValue;
+    const char* userAgent;
+    const char* proxyLogin;
+  } cases[] = {
+      {"GET / HTTP/1.1\r\nX:", "http://" + peer + "/echo", "X", "1", "a", ""},
+      {"GET", "http://" + peer + "/echo", "X-Bad", "a\r\nInjected: 1", "a", ""},
+      {"GET", "http://" + peer + "/echo", "X-Bad\nY", "1", "a", ""},
+      {"GET", "http://" + peer + "/echo", "X", std::string("a\0b", 3), "a", ""},
+      {"GET", "http://" + peer + "/echo", "X", "1", "a\rb", ""},
+      {"GET", "http://" + peer + "/echo", "X", "1", "a", "me\nX: 1"},
+      // Into a Digest user name once the challenge comes, into Basic at once.
+      {"GET", "http://alice%0d%0aX:%20y:secret@" + peer + "/digest", "X", "1", "a", ""},
+      {"GET", "http://alice:se%00cret@" + peer + "/echo", "X", "1", "a", ""},
+  };
+  for (const auto& c : cases) {
+    utils::HttpRequestParams params;
+    params.headers.AddValue(c.headerName, c.headerValue);
+    params.userAgent = c.userAgent;
+    params.proxy.login = c.proxyLogin;
+    EXPECT_EQ(utils::PerformHttpRequest(c.method, c.url, params, &body_, &response_), utils::HttpRequestInvalid)
+        << c.url << " " << c.headerName;
+    EXPECT_NE(response_.ErrorText(), "");
+  }
 }
 
 TEST_F(HttpRequest, KeepsCookiesAcrossItsOwnRedirects) {
@@ -180,24 +242,45 @@ TEST_F(HttpRequest, ReadsChunkedUnframedAndBodilessResponses) {
   EXPECT_LT(ElapsedMs(start), 1500);
 }
 
-TEST_F(HttpRequest, FailsCleanlyOnBrokenSlowAndOversizedAnswers) {
-  utils::HttpRequestParams params;
-  params.timeoutMs = 300;
-  EXPECT_EQ(Get(servers_->peer.Url("/chunked-truncated"), params), utils::HttpRequestFailed);
-  EXPECT_EQ(Get(servers_->peer.Url("/close-mid-body"), params), utils::HttpRequestFailed);
-  EXPECT_EQ(body_, "");
-  EXPECT_EQ(Get(servers_->peer.Url("/big-head"), params), utils::HttpRequestTooLarge);
-  for (const char* path : {"/slow-head", "/slow-body"}) {
+// Each class produced for real, with a detail that names the peer.
+TEST_F(HttpRequest, EachFailureHasItsClassAndADetail) {
+  const std::string peer = "127.0.0.1:" + std::to_string(servers_->peer.Port());
+  const std::string refused = "127.0.0.1:" + std::to_string(nettest::FreePort(2));
+  const struct {
+    std::string url;
+    size_t maxBodyBytes;
+    int expected;
+    std::string detail;
+  } cases[] = {
+      {servers_->peer.Url("/chunked-truncated"), 1000, utils::HttpRequestProtocolError, peer + " truncated"},
+      {servers_->peer.Url("/close-mid-body"), 1000, utils::HttpRequestProtocolError, "truncated at 100 of 1000"},
+      {servers_->peer.Url("/big-head"), 1000, utils::HttpRequestTooLarge, "head from " + peer},
+      {servers_->peer.Url("/slow-head"), 1000, utils::HttpRequestTimedOut, "no response from " + peer + " within 300 ms"},
+      {servers_->peer.Url("/slow-body"), 1000, utils::HttpRequestTimedOut, "body from " + peer},
+      {servers_->site.HttpUrl("/files/65536"), 65535, utils::HttpRequestTooLarge, "larger than 65535 bytes"},
+      {servers_->peer.Url("/no-length"), 65535, utils::HttpRequestTooLarge, "larger than 65535 bytes"},
+      {"ftp://127.0.0.1/x", 1000, utils::HttpRequestBadUrl, "URL"},
+      {"http://" + refused + "/", 1000, utils::HttpRequestConnectFailed, refused + ": Connection refused"},
+      {"http://no-such-host.invalid/", 1000, utils::HttpRequestDnsFailed, "no-such-host.invalid"},
+  };
+  for (const auto& c : cases) {
+    utils::HttpRequestParams params;
+    params.timeoutMs = 300;
+    params.maxBodyBytes = c.maxBodyBytes;
     const auto start = Clock::now();
-    EXPECT_EQ(Get(servers_->peer.Url(path), params), utils::HttpRequestTimedOut) << path;
-    EXPECT_LT(ElapsedMs(start), 2000) << path;
+    EXPECT_EQ(Get(c.url, params), c.expected) << c.url;
+    EXPECT_LT(ElapsedMs(start), 2000) << c.url;
+    EXPECT_NE(response_.ErrorText().find(c.detail), std::string::npos) << c.url << ": " << response_.ErrorText();
+    EXPECT_EQ(body_, "");
   }
-  utils::HttpRequestParams small;
-  small.maxBodyBytes = 65535;
-  EXPECT_EQ(Get(servers_->site.HttpUrl("/files/65536"), small), utils::HttpRequestTooLarge);
-  EXPECT_EQ(Get(servers_->peer.Url("/no-length"), small), utils::HttpRequestTooLarge);
-  EXPECT_EQ(Get("ftp://127.0.0.1/x"), utils::HttpRequestFailed);
-  EXPECT_EQ(Get("http://127.0.0.1:" + std::to_string(nettest::FreePort(2)) + "/"), utils::HttpRequestFailed);
+  // An authority we do not trust: the same server, a CA file without its issuer.
+  const std::string trusted = getenv("CORVANE_OPENSSL_CA_FILE");
+  nettest::CertFactory factory(servers_->dir.Path());
+  setenv("CORVANE_OPENSSL_CA_FILE", factory.CreateCa("stranger").certificate.c_str(), 1);
+  EXPECT_EQ(Get(servers_->site.HttpsUrl("localhost", "/files/1024")), utils::HttpRequestTlsFailed);
+  setenv("CORVANE_OPENSSL_CA_FILE", trusted.c_str(), 1);
+  EXPECT_NE(response_.ErrorText().find("certificate"), std::string::npos) << response_.ErrorText();
+  EXPECT_STREQ(utils::HttpRequestErrorName(utils::HttpRequestTlsFailed), "tls");
 }
 
 TEST_F(HttpRequest, CancelFromAnotherThreadEndsTheRequestAtOnce) {
@@ -224,7 +307,7 @@ TEST_F(HttpRequest, GoesThroughTinyproxy) {
   ASSERT_EQ(Get(servers_->site.HttpsUrl("localhost", "/files/1000000"), params), 200);
   EXPECT_EQ(body_, httptest::NginxSite::FileContent(1000000));
   params.proxy.port = static_cast<unsigned short>(nettest::FreePort(2));
-  EXPECT_EQ(Get(servers_->site.HttpUrl("/files/1024"), params), utils::HttpRequestFailed);
+  EXPECT_EQ(Get(servers_->site.HttpUrl("/files/1024"), params), utils::HttpRequestProxyFailed);
 }
 
 }  // namespace

@@ -32,21 +32,46 @@ constexpr size_t kBodyReadBytes = 256 * 1024;
 // Bodies up to this size go out in the same send as the head.
 constexpr size_t kInlineBodyBytes = 64 * 1024;
 
-int FromClientError(Error_t error) {
-  switch (error) {
-    case AbstractCancellableClient::ErrorTimedOut:
-      return HttpRequestTimedOut;
-    case AbstractCancellableClient::ErrorCanceled:
-      return HttpRequestCanceled;
-    default:
-      return HttpRequestFailed;
+// Control bytes of a peer's or caller's text would split a log line or
+// forge one; they are shown as '?'.
+std::string Printable(const std::string& text) {
+  std::string out = text.substr(0, 256);
+  for (char& c : out) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
   }
+  return out;
 }
 
-int Fail(const std::string& reason, int result = HttpRequestFailed) {
-  CORVANE_LOG(UtilsLogger(), zullog::SeverityWarning, kModule) << reason;
-  return result;
-}
+// What went wrong in one request: the class as the result, the detail kept
+// for HttpResponse::ErrorText and logged once.
+class Failure {
+ public:
+  explicit Failure(HttpResponse* response) : response_(response) {}
+
+  int operator()(int code, const std::string& detail) const {
+    const std::string text = Printable(detail);
+    CORVANE_LOG(UtilsLogger(), zullog::SeverityWarning, kModule)
+        << HttpRequestErrorName(code) << ": " << text;
+    response_->SetErrorText(text);
+    return code;
+  }
+
+  // A wait of the client that did not end in ErrorNone; what names the
+  // step, as in "no response from host:port".
+  int Client(Error_t error, const std::string& what, int timeoutMs, int otherwise) const {
+    switch (error) {
+      case AbstractCancellableClient::ErrorTimedOut:
+        return (*this)(HttpRequestTimedOut, what + " within " + std::to_string(timeoutMs) + " ms");
+      case AbstractCancellableClient::ErrorCanceled:
+        return (*this)(HttpRequestCanceled, what + ": canceled");
+      default:
+        return (*this)(otherwise, what + ": " + AbstractCancellableClient::ErrorCodeToString(error));
+    }
+  }
+
+ private:
+  HttpResponse* response_;
+};
 
 // Where one hop goes.
 struct Target {
@@ -60,6 +85,9 @@ struct Target {
   std::string password;
 
   std::string Origin() const { return (secure ? "https://" : "http://") + hostPort; }
+  bool SameOrigin(const Target& other) const {
+    return secure == other.secure && port == other.port && SameIgnoreCase(host, other.host);
+  }
 };
 
 bool ParseTarget(const std::string& url, Target* target) {
@@ -110,7 +138,7 @@ bool HasHeader(const StringPairList& headers, const char* name) {
 }
 
 bool IsSafeHeaderText(const std::string& text) {
-  return text.find_first_of("\r\n", 0) == std::string::npos && text.find('\0') == std::string::npos;
+  return text.find_first_of(std::string("\r\n\0", 3)) == std::string::npos;
 }
 
 // The method is a token (RFC 7230 sections 3.1.1 and 3.2.6); anything else
@@ -137,8 +165,16 @@ struct Hop {
   std::string authorization;  // ready header value, or empty
   std::string cookies;
   bool absoluteForm = false;
+  // The hop left the first URL's origin: the caller's Authorization and
+  // Cookie headers stay behind.
+  bool foreign = false;
 };
 
+bool IsCallerCredential(const std::string& name) {
+  return SameIgnoreCase(name, "Authorization") || SameIgnoreCase(name, "Cookie");
+}
+
+// False, leaving *head unspecified, when a value would break the head.
 bool BuildRequestHead(const Hop& hop, const Target& target, const HttpRequestParams& params,
                       std::string* head) {
   std::string& out = *head;
@@ -148,16 +184,21 @@ bool BuildRequestHead(const Hop& hop, const Target& target, const HttpRequestPar
   if (hop.absoluteForm) out += target.Origin();
   out += target.requestTarget;
   out += " HTTP/1.1\r\n";
-  auto add = [&out](const char* name, const std::string& value) {
+  bool safe = IsSafeHeaderText(target.requestTarget) && IsSafeHeaderText(target.hostPort);
+  auto add = [&out, &safe](const char* name, const std::string& value) {
+    safe = safe && IsSafeHeaderText(value);
     out += name;
     out += ": ";
     out += value;
     out += "\r\n";
   };
   const StringPairList& extra = params.headers;
+  auto callerHas = [&](const char* name) {
+    return HasHeader(extra, name) && !(hop.foreign && IsCallerCredential(name));
+  };
   if (!HasHeader(extra, "Host")) add("Host", target.hostPort);
   if (!params.userAgent.empty() && !HasHeader(extra, "User-Agent")) add("User-Agent", params.userAgent);
-  if (!hop.authorization.empty() && !HasHeader(extra, "Authorization")) add("Authorization", hop.authorization);
+  if (!hop.authorization.empty() && !callerHas("Authorization")) add("Authorization", hop.authorization);
   if (hop.absoluteForm && params.proxy.HasCredentials()) {
     add("Proxy-Authorization", BasicCredentials(params.proxy.login, params.proxy.password));
   }
@@ -170,6 +211,9 @@ bool BuildRequestHead(const Hop& hop, const Target& target, const HttpRequestPar
       return false;
     }
     if (SameIgnoreCase(name, "Content-Length") || SameIgnoreCase(name, "Transfer-Encoding")) continue;
+    if (hop.foreign && IsCallerCredential(name)) continue;
+    // Meant for the proxy: inside a tunnel it would reach the target.
+    if (SameIgnoreCase(name, "Proxy-Authorization") && !hop.absoluteForm) continue;
     if (!cookiesSent && SameIgnoreCase(name, "Cookie")) {
       value += (value.empty() ? "" : "; ") + hop.cookies;
       cookiesSent = true;
@@ -184,51 +228,121 @@ bool BuildRequestHead(const Hop& hop, const Target& target, const HttpRequestPar
   // and keeps the TIME_WAIT state on its side.
   if (!HasHeader(extra, "Connection")) add("Connection", "close");
   out += "\r\n";
-  return true;
+  return safe;
 }
 
-Error_t ConnectHop(BaseSocketClient* client, const Target& target, const HttpRequestParams& params,
-                   const Deadline& deadline, bool* absoluteForm) {
+// The time left for one connection step: the connect time-out, within
+// what is left of the whole.
+int StepMs(const Deadline& deadline, const Deadline& connectDeadline) {
+  const int left = deadline.LeftMs();
+  const int connectLeft = connectDeadline.LeftMs();
+  if (connectLeft < 0) return left;
+  return left < 0 ? connectLeft : std::min(left, connectLeft);
+}
+
+// The class of a failed connect to host:port, by the step that failed.
+int ConnectFailure(const Failure& fail, const BaseSocketClient& client, Error_t error,
+                   const std::string& hostPort, int timeoutMs, bool proxy) {
+  const std::string what = (proxy ? "proxy " : "") + hostPort;
+  if (error != AbstractCancellableClient::ErrorFailed && error != AbstractCancellableClient::ErrorEndOfStream) {
+    return fail.Client(error, "no connection to " + what, timeoutMs, HttpRequestConnectFailed);
+  }
+  switch (client.LastFailureStage()) {
+    case BaseSocketClient::FailureResolve:
+      return fail(proxy ? HttpRequestProxyFailed : HttpRequestDnsFailed,
+                  "cannot resolve " + what + ": " + client.LastFailureText());
+    case BaseSocketClient::FailureTls:
+      return fail(proxy ? HttpRequestProxyFailed : HttpRequestTlsFailed,
+                  "TLS with " + what + " failed: " + client.LastFailureText());
+    default:
+      return fail(proxy ? HttpRequestProxyFailed : HttpRequestConnectFailed,
+                  "cannot connect to " + what + ": " + client.LastFailureText());
+  }
+}
+
+int ConnectHop(BaseSocketClient* client, const Target& target, const HttpRequestParams& params,
+               const Deadline& deadline, const Failure& fail, bool* absoluteForm) {
   const unsigned int tlsFlags = params.lenientTls ? kSecureSessionNoVerify : 0;
+  const Deadline connectDeadline(params.connectTimeoutMs);
+  const int limitMs = params.connectTimeoutMs >= 0 && (params.timeoutMs < 0 || params.connectTimeoutMs < params.timeoutMs)
+                          ? params.connectTimeoutMs
+                          : params.timeoutMs;
   *absoluteForm = false;
   Error_t error;
   const NetProxyInfo& proxy = params.proxy;
   if (proxy.IsSet()) {
+    const std::string proxyHostPort = proxy.host + ":" + std::to_string(proxy.port);
     error = client->ConnectEx(proxy.host, std::to_string(proxy.port), params.connectionMode,
-                              deadline.LeftMs());
-    if (error != AbstractCancellableClient::ErrorNone) return error;
+                              StepMs(deadline, connectDeadline));
+    if (error != AbstractCancellableClient::ErrorNone) {
+      return ConnectFailure(fail, *client, error, proxyHostPort, limitMs, true);
+    }
     if (proxy.type == NetProxyTypeHttps) {
       if (target.secure) {
         // The socket carries one TLS session; a second one inside it is not supported.
-        Fail("https target through an https proxy is not supported");
-        return AbstractCancellableClient::ErrorFailed;
+        return fail(HttpRequestProxyFailed, "https target " + target.hostPort + " through an https proxy is not supported");
       }
-      error = client->InitiateSecureSession(proxy.host.c_str(), deadline.LeftMs(), tlsFlags,
+      error = client->InitiateSecureSession(proxy.host.c_str(), StepMs(deadline, connectDeadline), tlsFlags,
                                             tls::CertSettings());
-      if (error != AbstractCancellableClient::ErrorNone) return error;
+      if (error != AbstractCancellableClient::ErrorNone) {
+        return ConnectFailure(fail, *client, error, proxyHostPort, limitMs, true);
+      }
     }
     if (target.secure || proxy.type == NetProxyTypeSocks5) {
+      std::string why;
       error = ConnectThroughProxy(target.host, static_cast<unsigned short>(target.port), proxy,
-                                  client, deadline.LeftMs());
-      if (error != AbstractCancellableClient::ErrorNone) return error;
+                                  client, StepMs(deadline, connectDeadline), &why);
+      if (error != AbstractCancellableClient::ErrorNone) {
+        if (error == AbstractCancellableClient::ErrorFailed) {
+          return fail(HttpRequestProxyFailed, "proxy " + proxyHostPort + " gave no tunnel to " + target.hostPort +
+                                                  (why.empty() ? "" : ": " + why));
+        }
+        return fail.Client(error, "no tunnel to " + target.hostPort + " through proxy " + proxyHostPort, limitMs,
+                           HttpRequestProxyFailed);
+      }
     } else {
       *absoluteForm = true;
     }
   } else {
     error = client->ConnectEx(target.host, std::to_string(target.port), params.connectionMode,
-                              deadline.LeftMs());
-    if (error != AbstractCancellableClient::ErrorNone) return error;
+                              StepMs(deadline, connectDeadline));
+    if (error != AbstractCancellableClient::ErrorNone) {
+      return ConnectFailure(fail, *client, error, target.hostPort, limitMs, false);
+    }
   }
-  if (!target.secure) return AbstractCancellableClient::ErrorNone;
-  return client->InitiateSecureSession(target.host.c_str(), deadline.LeftMs(), tlsFlags,
-                                       tls::CertSettings());
+  if (!target.secure) return 0;
+  error = client->InitiateSecureSession(target.host.c_str(), StepMs(deadline, connectDeadline), tlsFlags,
+                                        tls::CertSettings());
+  if (error == AbstractCancellableClient::ErrorNone) return 0;
+  if (error == AbstractCancellableClient::ErrorTimedOut || error == AbstractCancellableClient::ErrorCanceled) {
+    return fail.Client(error, "no TLS handshake with " + target.hostPort, limitMs, HttpRequestTlsFailed);
+  }
+  const std::string why = client->LastFailureStage() == BaseSocketClient::FailureTls ? client->LastFailureText()
+                                                                                     : "handshake failed";
+  return fail(HttpRequestTlsFailed, "TLS with " + target.hostPort + " failed: " + why);
 }
+
+// One exchange with one peer: where its bytes come from and how its
+// failures read.
+struct Exchange {
+  AbstractCancellableClient* client;
+  const Deadline& deadline;
+  Failure fail;
+  std::string peer;  // host:port
+  int timeoutMs;
+
+  int TooLarge(size_t maxBodyBytes) const {
+    return fail(HttpRequestTooLarge, "body from " + peer + " larger than " + std::to_string(maxBodyBytes) + " bytes");
+  }
+  int BodyStalled(Error_t error) const {
+    return fail.Client(error, "body from " + peer + " not complete", timeoutMs, HttpRequestFailed);
+  }
+};
 
 // Reads a final response head (interim 1xx heads are dropped, except 101
 // which ends the exchange) into *response. The body bytes that came with it
 // are left at the start of *pending.
-int ReadResponseHead(AbstractCancellableClient* client, const Deadline& deadline,
-                     HttpResponse* response, std::string* pending) {
+int ReadResponseHead(const Exchange& x, HttpResponse* response, std::string* pending) {
   std::string& buffer = *pending;
   size_t filled = buffer.size();
   for (;;) {
@@ -236,7 +350,7 @@ int ReadResponseHead(AbstractCancellableClient* client, const Deadline& deadline
     if (headEnd != nullptr) {
       const size_t headSize = static_cast<size_t>(headEnd - buffer.data());
       if (!ParseHttpResponseHead(buffer.data(), headEnd, response)) {
-        return Fail("malformed response head");
+        return x.fail(HttpRequestProtocolError, "malformed response head from " + x.peer);
       }
       buffer.erase(0, headSize);
       filled -= headSize;
@@ -247,18 +361,20 @@ int ReadResponseHead(AbstractCancellableClient* client, const Deadline& deadline
       continue;
     }
     if (filled >= kMaxHeadBytes) {
-      return Fail("response head larger than " + std::to_string(kMaxHeadBytes) + " bytes",
-                  HttpRequestTooLarge);
+      return x.fail(HttpRequestTooLarge,
+                    "response head from " + x.peer + " larger than " + std::to_string(kMaxHeadBytes) + " bytes");
     }
     buffer.resize(std::max(buffer.size(), filled + kHeadReadBytes));
     size_t got = 0;
-    const Error_t error = client->Recv(&buffer[filled], std::min(kHeadReadBytes, kMaxHeadBytes - filled + 1),
-                                       &got, deadline.LeftMs());
+    const Error_t error = x.client->Recv(&buffer[filled], std::min(kHeadReadBytes, kMaxHeadBytes - filled + 1),
+                                         &got, x.deadline.LeftMs());
     filled += got;
     if (error == AbstractCancellableClient::ErrorEndOfStream) {
-      return Fail("connection closed before a complete response head");
+      return x.fail(HttpRequestProtocolError, x.peer + " closed the connection before a complete response head");
     }
-    if (error != AbstractCancellableClient::ErrorNone) return FromClientError(error);
+    if (error != AbstractCancellableClient::ErrorNone) {
+      return x.fail.Client(error, "no response from " + x.peer, x.timeoutMs, HttpRequestFailed);
+    }
   }
 }
 
@@ -293,23 +409,22 @@ bool IsChunked(const HttpResponse& response) {
   return !codings.empty() && SameIgnoreCase(TrimString(codings.back()), "chunked");
 }
 
-int ReadChunkedBody(AbstractCancellableClient* client, const Deadline& deadline, size_t maxBodyBytes,
-                    std::string* pending, std::string* output) {
+int ReadChunkedBody(const Exchange& x, size_t maxBodyBytes, std::string* pending, std::string* output) {
   ChunkedDecoder decoder(maxBodyBytes);
   std::string block = std::move(*pending);
   for (;;) {
     const ChunkedDecoder::Result result = decoder.Feed(block.data(), block.size(), output, nullptr);
     if (result == ChunkedDecoder::kDone) return 0;
-    if (result == ChunkedDecoder::kMalformed) return Fail("malformed chunked body");
-    if (result == ChunkedDecoder::kTooLarge) {
-      return Fail("body larger than " + std::to_string(maxBodyBytes) + " bytes", HttpRequestTooLarge);
-    }
+    if (result == ChunkedDecoder::kMalformed) return x.fail(HttpRequestProtocolError, "malformed chunked body from " + x.peer);
+    if (result == ChunkedDecoder::kTooLarge) return x.TooLarge(maxBodyBytes);
     block.resize(kBodyReadBytes);
     size_t got = 0;
-    const Error_t error = client->Recv(&block[0], block.size(), &got, deadline.LeftMs());
+    const Error_t error = x.client->Recv(&block[0], block.size(), &got, x.deadline.LeftMs());
     block.resize(got);
-    if (error == AbstractCancellableClient::ErrorEndOfStream) return Fail("chunked body truncated");
-    if (error != AbstractCancellableClient::ErrorNone) return FromClientError(error);
+    if (error == AbstractCancellableClient::ErrorEndOfStream) {
+      return x.fail(HttpRequestProtocolError, "chunked body from " + x.peer + " truncated");
+    }
+    if (error != AbstractCancellableClient::ErrorNone) return x.BodyStalled(error);
   }
 }
 
@@ -318,15 +433,13 @@ int ReadChunkedBody(AbstractCancellableClient* client, const Deadline& deadline,
 // instead of a separate pass over a whole body in memory.
 void GrowForRead(std::string* output, size_t room) { output->resize(output->size() + room); }
 
-int ReadBody(AbstractCancellableClient* client, const Deadline& deadline, const HttpResponse& response,
-             size_t maxBodyBytes, std::string* pending, std::string* output) {
-  if (IsChunked(response)) return ReadChunkedBody(client, deadline, maxBodyBytes, pending, output);
+int ReadBody(const Exchange& x, const HttpResponse& response, size_t maxBodyBytes, std::string* pending,
+             std::string* output) {
+  if (IsChunked(response)) return ReadChunkedBody(x, maxBodyBytes, pending, output);
   const int64_t length = ContentLength(response);
-  if (length == -2) return Fail("malformed Content-Length");
+  if (length == -2) return x.fail(HttpRequestProtocolError, "malformed Content-Length from " + x.peer);
   if (length >= 0) {
-    if (static_cast<uint64_t>(length) > maxBodyBytes) {
-      return Fail("body of " + std::to_string(length) + " bytes is above the limit", HttpRequestTooLarge);
-    }
+    if (static_cast<uint64_t>(length) > maxBodyBytes) return x.TooLarge(maxBodyBytes);
     const size_t size = static_cast<size_t>(length);
     // Straight into the result, in one allocation.
     output->reserve(size);
@@ -336,31 +449,32 @@ int ReadBody(AbstractCancellableClient* client, const Deadline& deadline, const 
     while (filled < size && error == AbstractCancellableClient::ErrorNone) {
       if (output->size() == filled) GrowForRead(output, std::min(kBodyReadBytes, size - filled));
       size_t got = 0;
-      error = client->Recv(&(*output)[filled], output->size() - filled, &got, deadline.LeftMs());
+      error = x.client->Recv(&(*output)[filled], output->size() - filled, &got, x.deadline.LeftMs());
       filled += got;
     }
     output->resize(filled);
     if (error == AbstractCancellableClient::ErrorEndOfStream) {
-      return Fail("body truncated at " + std::to_string(filled) + " of " + std::to_string(size) + " bytes");
+      return x.fail(HttpRequestProtocolError, "body from " + x.peer + " truncated at " + std::to_string(filled) +
+                                                  " of " + std::to_string(size) + " bytes");
     }
-    return error == AbstractCancellableClient::ErrorNone ? 0 : FromClientError(error);
+    return error == AbstractCancellableClient::ErrorNone ? 0 : x.BodyStalled(error);
   }
   // No framing: the body runs to the end of the stream.
-  if (pending->size() > maxBodyBytes) return Fail("body above the limit", HttpRequestTooLarge);
+  if (pending->size() > maxBodyBytes) return x.TooLarge(maxBodyBytes);
   *output = std::move(*pending);
   size_t filled = output->size();
   for (;;) {
     if (output->size() == filled) GrowForRead(output, kBodyReadBytes);
     size_t got = 0;
-    const Error_t error = client->Recv(&(*output)[filled], output->size() - filled, &got, deadline.LeftMs());
+    const Error_t error = x.client->Recv(&(*output)[filled], output->size() - filled, &got, x.deadline.LeftMs());
     filled += got;
     if (filled > maxBodyBytes) {
       output->clear();
-      return Fail("body above the limit", HttpRequestTooLarge);
+      return x.TooLarge(maxBodyBytes);
     }
     if (error != AbstractCancellableClient::ErrorNone) {
       output->resize(filled);
-      return error == AbstractCancellableClient::ErrorEndOfStream ? 0 : FromClientError(error);
+      return error == AbstractCancellableClient::ErrorEndOfStream ? 0 : x.BodyStalled(error);
     }
   }
 }
@@ -398,6 +512,35 @@ BaseSocketClient& SharedThreadClient() {
 
 }  // namespace
 
+const char* HttpRequestErrorName(int code) {
+  switch (code) {
+    case HttpRequestTimedOut:
+      return "timeout";
+    case HttpRequestCanceled:
+      return "canceled";
+    case HttpRequestTooLarge:
+      return "toolarge";
+    case HttpRequestDnsFailed:
+      return "dns";
+    case HttpRequestConnectFailed:
+      return "connect";
+    case HttpRequestTlsFailed:
+      return "tls";
+    case HttpRequestProxyFailed:
+      return "proxy";
+    case HttpRequestProtocolError:
+      return "protocol";
+    case HttpRequestBadUrl:
+      return "badurl";
+    case HttpRequestRedirectRefused:
+      return "redirect";
+    case HttpRequestInvalid:
+      return "invalid";
+    default:
+      return "failed";
+  }
+}
+
 ThreadHttpClient::ThreadHttpClient() : owner_(!threadClientBusy) {
   if (owner_) {
     threadClientBusy = true;
@@ -429,14 +572,17 @@ int PerformHttpRequest(BaseSocketClient* client, const std::string& method, cons
   if (response == nullptr) response = &localResponse;
   output->clear();
   response->Clear();
-  if (client == nullptr) return HttpRequestFailed;
-  if (!IsToken(method)) return Fail("invalid request method");
+  const Failure fail(response);
+  if (client == nullptr) return fail(HttpRequestFailed, "no client");
+  if (!IsToken(method)) return fail(HttpRequestInvalid, "request method \"" + method + "\" is not a token");
 
   Target target;
-  if (!ParseTarget(url, &target)) return Fail("unsupported or malformed URL");
-  const std::string originHost = target.host;
-  const std::string user = target.user;
-  const std::string password = target.password;
+  if (!ParseTarget(url, &target)) return fail(HttpRequestBadUrl, "unsupported or malformed URL");
+  const Target origin = target;
+  const bool callerCredentials = HasHeader(params.headers, "Authorization") || HasHeader(params.headers, "Cookie");
+  if (!IsSafeHeaderText(params.proxy.login) || !IsSafeHeaderText(params.proxy.password)) {
+    return fail(HttpRequestInvalid, "proxy credentials hold CR, LF or NUL");
+  }
 
   const Deadline deadline(params.timeoutMs);
   CookieJar cookies;
@@ -449,37 +595,44 @@ int PerformHttpRequest(BaseSocketClient* client, const std::string& method, cons
   int redirects = 0;
   for (;;) {
     ConnectionGuard guard(client);
-    // Credentials stay with the host they were given for.
-    const bool ownHost = target.host == originHost;
+    // Credentials stay with the origin they were given for.
+    hop.foreign = !target.SameOrigin(origin);
+    const bool ownCredentials = !target.user.empty();
+    const bool originCredentials = !hop.foreign && !origin.user.empty();
+    const std::string& user = ownCredentials ? target.user : origin.user;
+    const std::string& password = ownCredentials ? target.password : origin.password;
+    if ((ownCredentials || originCredentials) && (!IsSafeHeaderText(user) || !IsSafeHeaderText(password))) {
+      return fail(HttpRequestInvalid, "credentials for " + target.hostPort + " hold CR, LF or NUL");
+    }
     if (!digestAuthorization.empty()) {
       hop.authorization = digestAuthorization;
-    } else if (!target.user.empty()) {
-      hop.authorization = BasicCredentials(target.user, target.password);
-    } else if (ownHost && !user.empty()) {
+    } else if (ownCredentials || originCredentials) {
       hop.authorization = BasicCredentials(user, password);
     } else {
       hop.authorization.clear();
     }
     hop.cookies = cookies.CookieHeader(target.host, target.path, target.secure);
 
-    Error_t error = ConnectHop(client, target, params, deadline, &hop.absoluteForm);
-    if (error != AbstractCancellableClient::ErrorNone) {
-      CORVANE_LOG(UtilsLogger(), zullog::SeverityWarning, kModule)
-          << "cannot reach " << target.hostPort << ": " << AbstractCancellableClient::ErrorCodeToString(error);
-      return FromClientError(error);
-    }
+    const int connected = ConnectHop(client, target, params, deadline, fail, &hop.absoluteForm);
+    if (connected != 0) return connected;
     std::string head;
-    if (!BuildRequestHead(hop, target, params, &head)) return Fail("request header with a line break or colon in its name");
+    if (!BuildRequestHead(hop, target, params, &head)) {
+      return fail(HttpRequestInvalid, "a request header for " + target.hostPort +
+                                          " holds CR, LF or NUL, or a header name is empty or holds a colon");
+    }
+    const Exchange exchange{client, deadline, fail, target.hostPort, params.timeoutMs};
     const bool inlineBody = body.size() <= kInlineBodyBytes;
     if (inlineBody) head += body;
-    error = SendAll(client, head.data(), head.size(), nullptr, deadline.LeftMs());
+    Error_t error = SendAll(client, head.data(), head.size(), nullptr, deadline.LeftMs());
     if (error == AbstractCancellableClient::ErrorNone && !inlineBody) {
       error = SendAll(client, body.data(), body.size(), nullptr, deadline.LeftMs());
     }
-    if (error != AbstractCancellableClient::ErrorNone) return FromClientError(error);
+    if (error != AbstractCancellableClient::ErrorNone) {
+      return fail.Client(error, "request to " + target.hostPort + " not sent", params.timeoutMs, HttpRequestFailed);
+    }
 
     std::string pending;
-    const int headResult = ReadResponseHead(client, deadline, response, &pending);
+    const int headResult = ReadResponseHead(exchange, response, &pending);
     if (headResult != 0) return headResult;
     const int status = response->StatusCode;
 
@@ -492,7 +645,14 @@ int PerformHttpRequest(BaseSocketClient* client, const std::string& method, cons
         response->Headers.Value("Location", &location, true, nullptr) && !location.empty()) {
       Target next;
       if (!ParseTarget(ResolveLocation(target, TrimString(location)), &next)) {
-        return Fail("redirect to an unsupported or malformed URL");
+        return fail(HttpRequestBadUrl, target.hostPort + " redirected to an unsupported or malformed URL");
+      }
+      // Dropping the credentials would change what the caller asked for,
+      // following with them would send them in clear: neither is right.
+      const bool credentials = !next.user.empty() || !origin.user.empty() || callerCredentials;
+      if (target.secure && !next.secure && credentials) {
+        return fail(HttpRequestRedirectRefused, target.hostPort + " redirected from https to http (" +
+                                                    next.hostPort + ") with credentials in the request");
       }
       ++redirects;
       if (status == 303 || ((status == 301 || status == 302) && hop.method == "POST")) {
@@ -504,8 +664,7 @@ int PerformHttpRequest(BaseSocketClient* client, const std::string& method, cons
       continue;
     }
 
-    const bool haveCredentials = !target.user.empty() || (ownHost && !user.empty());
-    if (status == 401 && !digestTried && haveCredentials) {
+    if (status == 401 && !digestTried && (ownCredentials || originCredentials)) {
       std::vector<std::string> challenges;
       response->Headers.ValueList("WWW-Authenticate", challenges, true);
       digest_auth::Challenge challenge;
@@ -514,16 +673,14 @@ int PerformHttpRequest(BaseSocketClient* client, const std::string& method, cons
       });
       if (digest != challenges.end()) {
         digestTried = true;
-        const bool own = !target.user.empty();
-        digestAuthorization = digest_auth::BuildAuthorization(
-            challenge, own ? target.user : user, own ? target.password : password, hop.method,
-            target.requestTarget, digest_auth::MakeClientNonce(), 1);
+        digestAuthorization = digest_auth::BuildAuthorization(challenge, user, password, hop.method,
+                                                              target.requestTarget, digest_auth::MakeClientNonce(), 1);
         continue;
       }
     }
 
     if (!HasBody(hop.method, status)) return status;
-    const int bodyResult = ReadBody(client, deadline, *response, params.maxBodyBytes, &pending, output);
+    const int bodyResult = ReadBody(exchange, *response, params.maxBodyBytes, &pending, output);
     if (bodyResult != 0) {
       output->clear();
       return bodyResult;

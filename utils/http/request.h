@@ -21,18 +21,34 @@ namespace utils {
 constexpr size_t kMaxHeadBytes = 64 * 1024;
 constexpr size_t kDefaultMaxBodyBytes = size_t{256} << 20;
 
-// What PerformHttpRequest returns instead of a status code.
+// What PerformHttpRequest returns instead of a status code: the class of
+// the failure. HttpResponse::ErrorText() gives the detail.
 enum HttpRequestError : int {
-  HttpRequestFailed = -1,  // bad URL, connection, TLS, proxy or protocol failure
+  HttpRequestFailed = -1,  // the connection broke while sending or receiving
   HttpRequestTimedOut = -2,
   HttpRequestCanceled = -3,
   HttpRequestTooLarge = -4,  // head above kMaxHeadBytes or body above maxBodyBytes
+  HttpRequestDnsFailed = -5,     // the host name did not resolve
+  HttpRequestConnectFailed = -6, // no address of the host accepted a connection
+  HttpRequestTlsFailed = -7,     // handshake, certificate or host-name check
+  HttpRequestProxyFailed = -8,   // the proxy refused, failed or could not be reached
+  HttpRequestProtocolError = -9, // malformed or truncated response
+  HttpRequestBadUrl = -10,       // not an http or https URL, or malformed
+  HttpRequestRedirectRefused = -11,  // a redirect that would expose credentials
+  HttpRequestInvalid = -12,      // a method, header or credential unfit for a request head
 };
+
+// The class's one-word name ("timeout", "dns", ...), as scripts see it;
+// "failed" for anything that is not an HttpRequestError.
+const char* HttpRequestErrorName(int code);
 
 struct HttpRequestParams {
   // The whole exchange, redirects included: positive is a limit in
   // milliseconds, 0 gives up at the first wait, negative waits without limit.
   int timeoutMs = -1;
+  // Each connection set-up (TCP, proxy tunnel, TLS handshake) within the
+  // whole time-out; negative: only the whole time-out applies.
+  int connectTimeoutMs = -1;
   // Redirects followed before a 3xx is returned as it is; 0 follows none.
   int maxRedirects = 4;
   // Verify neither the certificate chain nor the host name.
@@ -49,10 +65,18 @@ struct HttpRequestParams {
   size_t maxBodyBytes = kDefaultMaxBodyBytes;
 };
 
-// Performs method on url ("http" or "https"; user info becomes Basic
-// credentials, sent only to the URL's own host). Returns the final status
-// code with its body in *output and its head in *response (either may be
-// null), or an HttpRequestError. Blocks the calling thread.
+// Performs method on url ("http" or "https"; user info becomes Basic or
+// Digest credentials). Returns the final status code with its body in
+// *output and its head in *response (either may be null), or an
+// HttpRequestError with a one-line detail in response->ErrorText(); failures
+// are also logged at warning severity. Blocks the calling thread.
+//
+// Credentials stay with their origin (scheme, host and port): a redirect
+// elsewhere drops the URL's user info and the caller's "Authorization" and
+// "Cookie" headers; a caller's "Proxy-Authorization" goes to the HTTP proxy
+// only, never into a tunnel. A redirect from https to http while any of these
+// would still be sent is refused. CR, LF or NUL in any value bound for the
+// request head fails the request before anything is sent.
 int PerformHttpRequest(const std::string& method, const std::string& url,
                        const HttpRequestParams& params, std::string* output,
                        HttpResponse* response);

@@ -5,7 +5,9 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "utils/log.h"
 #include "utils/net/cancelable_block_operation_point.h"
@@ -86,6 +88,14 @@ struct BaseSocketClient::Impl {
   impl::CancelableBlockOperationPoint point;
   SocketType type;
   const char* module;
+  FailureStage failureStage = FailureNone;
+  std::string failureText;
+
+  Error_t Failed(FailureStage stage, std::string text) {
+    failureStage = stage;
+    failureText = std::move(text);
+    return ErrorFailed;
+  }
 };
 
 BaseSocketClient::Error_t BaseSocketClient::Impl::Connect(const std::string& host,
@@ -99,16 +109,19 @@ BaseSocketClient::Error_t BaseSocketClient::Impl::Connect(const std::string& hos
   hints.ai_family = family;
   hints.ai_socktype = type == SocketTypeDatagram ? SOCK_DGRAM : SOCK_STREAM;
   std::string error;
+  failureStage = FailureNone;
   const auto addresses = GetAddressInfo(host, service, &hints, order, &error);
   if (addresses == nullptr) {
     CORVANE_LOG(logger, zullog::SeverityError, module)
         << "Failed to resolve address '" << host << "': " << error;
-    return ErrorFailed;
+    return Failed(FailureResolve, error);
   }
+  std::string lastError = "no usable address";
   while (const addrinfo* address = addresses->Next()) {
     impl::Socket candidate(logger);
     if (candidate.Create(address->ai_family, address->ai_socktype, address->ai_protocol, true) !=
         impl::SocketStatusDone) {
+      lastError = std::strerror(errno);
       continue;
     }
     DisableNagle(candidate.Descriptor(), *address);
@@ -117,7 +130,10 @@ BaseSocketClient::Error_t BaseSocketClient::Impl::Connect(const std::string& hos
       // Every address gets the whole time-out anew.
       switch (point.WaitFor(candidate.Descriptor(), impl::OperationConnect, timeoutMs)) {
         case impl::WaitReady:
-          if (candidate.IsError()) continue;
+          if (candidate.IsError()) {
+            lastError = std::strerror(errno);
+            continue;
+          }
           break;
         case impl::WaitCanceled:
           return ErrorCanceled;
@@ -131,12 +147,13 @@ BaseSocketClient::Error_t BaseSocketClient::Impl::Connect(const std::string& hos
           return ErrorFailed;
       }
     } else if (status != impl::SocketStatusDone) {
+      lastError = std::strerror(errno);
       continue;
     }
     socket.Attach(candidate.Detach(), host);
     return ErrorNone;
   }
-  return ErrorFailed;
+  return Failed(FailureConnect, lastError);
 }
 
 BaseSocketClient::BaseSocketClient(SocketType type, zullog::AbstractLogger* logger)
@@ -189,11 +206,17 @@ BaseSocketClient::Error_t BaseSocketClient::InitiateSecureSession(
                                        << ", timeout=" << timeoutMs << ", flags=" << flags;
                                  });
   const bool verify = (flags & kSecureSessionNoVerify) == 0;
+  self.failureStage = FailureNone;
   if (self.socket.InitializeSecureData(host, verify, settings) != impl::SocketStatusDone) {
-    return ErrorFailed;
+    return self.Failed(FailureTls, "no TLS context (are trusted certificates configured?)");
   }
   TraceScope handshake(self.logger, self.module, "InitiateSecureSession::SecureConnect");
-  return self.Drive([&self] { return self.socket.SecureConnect(); }, timeoutMs);
+  const Error_t result = self.Drive([&self] { return self.socket.SecureConnect(); }, timeoutMs);
+  if (result == ErrorFailed || result == ErrorEndOfStream) {
+    const std::string& text = self.socket.LastTlsError();
+    self.Failed(FailureTls, text.empty() ? "handshake failed" : text);
+  }
+  return result;
 }
 
 BaseSocketClient::Error_t BaseSocketClient::InitiateSecureSession(int timeoutMs) {
@@ -249,5 +272,9 @@ void BaseSocketClient::Reset() {
 }
 
 int BaseSocketClient::DetachNativeHandle() { return impl_->socket.Detach(); }
+
+BaseSocketClient::FailureStage BaseSocketClient::LastFailureStage() const { return impl_->failureStage; }
+
+const std::string& BaseSocketClient::LastFailureText() const { return impl_->failureText; }
 
 }  // namespace utils

@@ -61,6 +61,13 @@ class BaseSocketClient : public AbstractCancellableClient {
   // Hands the descriptor out (-1 when not connected); the client no longer owns it.
   int DetachNativeHandle();
 
+  // Which step the last failed Connect/ConnectEx or InitiateSecureSession
+  // failed in, and why in a few words (the resolver's or the system's message,
+  // or the TLS verification error).
+  enum FailureStage { FailureNone, FailureResolve, FailureConnect, FailureTls };
+  FailureStage LastFailureStage() const;
+  const std::string& LastFailureText() const;
+
  private:
   struct Impl;
   std::unique_ptr<Impl> impl_;

@@ -319,8 +319,13 @@ int Socket::SecureConnect() {
       error = SSL_get_error(connection, result);
     }
     if (error == SSL_ERROR_SSL) {
-      CORVANE_LOG(logger_, zullog::SeverityError, kModule)
-          << "TLS handshake failed: " << GetErrorStackStr(-1, false);
+      const std::string stack = GetErrorStackStr(-1, false);
+      CORVANE_LOG(logger_, zullog::SeverityError, kModule) << "TLS handshake failed: " << stack;
+      const long verifyResult = SSL_get_verify_result(connection);
+      tlsError_ = verifyResult != X509_V_OK ? X509_verify_cert_error_string(verifyResult)
+                                            : stack.substr(0, stack.find('\n'));
+    } else if (error == SSL_ERROR_SYSCALL || error == SSL_ERROR_ZERO_RETURN) {
+      tlsError_ = "connection closed during the handshake";
     }
     ERR_clear_error();
     if (error == SSL_ERROR_NONE) break;
@@ -328,8 +333,9 @@ int Socket::SecureConnect() {
     return ConvertSslError(error);
   }
   if (!verify_) return SocketStatusDone;
-  return VerifyOpensslServerCertHostname(connection, host_.c_str(), logger_) ? SocketStatusDone
-                                                                             : SocketStatusFailed;
+  if (VerifyOpensslServerCertHostname(connection, host_.c_str(), logger_)) return SocketStatusDone;
+  tlsError_ = "certificate does not match the host name";
+  return SocketStatusFailed;
 }
 
 int Socket::ConvertSslError(int sslError) {

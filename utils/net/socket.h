@@ -81,6 +81,8 @@ class Socket : private Noncopyable {
   // One handshake step: SocketStatusDone once the handshake (and, with
   // verification, the host-name check) has passed.
   int SecureConnect();
+  // Why the last SecureConnect failed, in a few words; empty before any failure.
+  const std::string& LastTlsError() const { return tlsError_; }
 
   // Maps an SSL_get_error result onto a SocketStatus.
   static int ConvertSslError(int sslError);
@@ -96,6 +98,7 @@ class Socket : private Noncopyable {
   RecvOperation peek_;
   std::unique_ptr<SecureData> secure_;
   std::string host_;
+  std::string tlsError_;
   bool verify_ = true;
   zullog::AbstractLogger* logger_;
 };
