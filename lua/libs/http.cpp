@@ -1,5 +1,6 @@
 // The script library "http": blocking HTTP requests from a table of options,
-// answered with a table of status, head and body. A thin adapter over
+// answered with a table of status, head and body (request: or nil and the
+// failure's class and detail). A thin adapter over
 // utils::PerformHttpRequest; a host thread may cancel a request through
 // lua::RunTime::Cancel.
 #include <algorithm>
@@ -140,6 +141,14 @@ void ReadOptions(const Rt& rt, const Args& args, Request* request) {
   }
   if (!BooleanField(rt, table, "allowRedirect", true)) params.maxRedirects = 0;
   if (BooleanField(rt, table, "frivolousSsl", false)) params.lenientTls = true;
+  params.connectTimeoutMs = ClampToInt(IntegerField(rt, table, "connectTimeout", -1));
+  params.keepAlive = BooleanField(rt, table, "keepAlive", true);
+  const long long maxBodyBytes = IntegerField(rt, table, "maxBodyBytes", -1);
+  if (maxBodyBytes < -1) rt->Error("Bad argument: \"maxBodyBytes\" must not be negative");
+  // A script may only lower the host's cap.
+  if (maxBodyBytes >= 0 && static_cast<unsigned long long>(maxBodyBytes) < params.maxBodyBytes) {
+    params.maxBodyBytes = static_cast<size_t>(maxBodyBytes);
+  }
   RunTime::StackCleaner cleaner(rt);
   rt->EnsureFreeStackSlots(10);
   if (lua_getfield(L, table, "options") == LUA_TTABLE) ReadHeaders(rt, lua_gettop(L), &params.headers);
@@ -175,7 +184,11 @@ void PushHeaders(lua_State* L, const utils::StringPairList& headers) {
   }
 }
 
-int Perform(Rt& rt, const Request& request, const char* functionName) {
+// How a failed request is answered: false alone, or nil and "class: detail".
+enum class FailureResult { kFalse, kNilAndMessage };
+
+int Perform(Rt& rt, const Request& request, const char* functionName,
+            FailureResult failure = FailureResult::kFalse) {
   std::string output;
   utils::HttpResponse response;
   utils::ThreadHttpClient threadClient;
@@ -201,11 +214,17 @@ int Perform(Rt& rt, const Request& request, const char* functionName) {
   if (cancelled) rt->Error(std::string(functionName) + ": canceled by the host");
   lua_State* L = rt->State();
   rt->EnsureFreeStackSlots(10);
+  if (code < 1 && failure == FailureResult::kNilAndMessage) {
+    lua_pushnil(L);
+    const std::string message = std::string(utils::HttpRequestErrorName(code)) + ": " + response.ErrorText();
+    lua_pushlstring(L, message.data(), message.size());
+    return 2;
+  }
   if (code < 1) {
     lua_pushboolean(L, 0);
     return 1;
   }
-  lua_pushboolean(L, 1);
+  if (failure == FailureResult::kFalse) lua_pushboolean(L, 1);
   lua_createtable(L, 0, 5);
   PushHeaders(L, response.Headers);
   lua_setfield(L, -2, "options");
@@ -217,13 +236,22 @@ int Perform(Rt& rt, const Request& request, const char* functionName) {
   lua_setfield(L, -2, "httpVersion");
   lua_pushlstring(L, output.data(), output.size());
   lua_setfield(L, -2, "output");
-  return 2;
+  return failure == FailureResult::kFalse ? 2 : 1;
 }
 
 int PerformRequest(Rt& rt, const Args& args) {
   Request request;
   ReadOptions(rt, args, &request);
   return Perform(rt, request, "http.performRequest");
+}
+
+// The options of performRequest; the result table alone, or nil and the
+// failure's class and detail, so that a script can tell what went wrong.
+int RequestFunction(Rt& rt, const Args& args) {
+  Request request;
+  ReadOptions(rt, args, &request);
+  if (request.method.empty()) request.method = "GET";
+  return Perform(rt, request, "http.request", FailureResult::kNilAndMessage);
 }
 
 int Get(Rt& rt, const Args& args) {
@@ -247,6 +275,7 @@ const luaL_Reg kHttpLib[] = {
     {"performRequest", WrapFunc<&PerformRequest>},
     {"get", WrapFunc<&Get>},
     {"post", WrapFunc<&Post>},
+    {"request", WrapFunc<&RequestFunction>},
 };
 
 }  // namespace

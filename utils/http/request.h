@@ -63,6 +63,10 @@ struct HttpRequestParams {
   std::string body;
   ConnectionMode connectionMode = ConnectionModeAuto;
   size_t maxBodyBytes = kDefaultMaxBodyBytes;
+  // Take an idle connection from the calling thread's pool and leave the
+  // connection there afterwards when HTTP allows. TLS sessions are resumed
+  // either way.
+  bool keepAlive = true;
 };
 
 // Performs method on url ("http" or "https"; user info becomes Basic or
