@@ -1,13 +1,21 @@
 #include "utils/http/request.h"
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <memory>
+#include <set>
+#include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "http/support/http_peers.h"
+#include "utils/http/connection_pool.h"
+#include "utils/net/base_socket_client.h"
 
 namespace {
 
@@ -172,10 +180,14 @@ TEST_F(HttpRequest, SendsWhatTheParametersAsk) {
   EXPECT_EQ(body_.compare(0, 25, "POST /echo?q=1 HTTP/1.1\r\n"), 0) << body_;
   for (const std::string& line : {"Host: 127.0.0.1:" + std::to_string(servers_->peer.Port()),
                                   std::string("User-Agent: probe/2"), std::string("X-Multi: 1\r\nX-Multi: 2"),
-                                  std::string("Content-Length: 100000"), std::string("Connection: close")}) {
+                                  std::string("Content-Length: 100000")}) {
     EXPECT_NE(body_.find(line + "\r\n"), std::string::npos) << line;
   }
   EXPECT_EQ(body_.find("999"), std::string::npos);
+  EXPECT_EQ(body_.find("Connection:"), std::string::npos);
+  params.keepAlive = false;
+  ASSERT_EQ(utils::PerformHttpRequest("POST", servers_->peer.Url("/echo"), params, &body_, &response_), 200);
+  EXPECT_NE(body_.find("\r\nConnection: close\r\n"), std::string::npos);
   EXPECT_EQ(body_.substr(body_.size() - 100000), params.body);
 
 }
@@ -308,6 +320,151 @@ TEST_F(HttpRequest, GoesThroughTinyproxy) {
   EXPECT_EQ(body_, httptest::NginxSite::FileContent(1000000));
   params.proxy.port = static_cast<unsigned short>(nettest::FreePort(2));
   EXPECT_EQ(Get(servers_->site.HttpUrl("/files/1024"), params), utils::HttpRequestProxyFailed);
+}
+
+// "<connection> <request on it>" from the peer's /keep, "<connection>
+// <request> <r or .>" from nginx's /conn.
+std::vector<std::string> Words(const std::string& text) {
+  std::istringstream in(text);
+  std::vector<std::string> words;
+  for (std::string word; in >> word;) words.push_back(word);
+  return words;
+}
+
+TEST_F(HttpRequest, ReusesConnectionsAsHttp11Allows) {
+  const struct {
+    const char* first;  // the peer's /keep mode for the first answer
+    bool keepAlive;
+    int pauseMs;
+    const char* secondMethod;
+    bool reused;
+    int secondResult;
+  } cases[] = {
+      {"", true, 0, "GET", true, 200},
+      {"chunked", true, 0, "GET", true, 200},
+      {"1.0ka", true, 0, "GET", true, 200},
+      {"", false, 0, "GET", false, 200},
+      {"close", true, 0, "GET", false, 200},
+      {"1.0", true, 0, "GET", false, 200},
+      // Closed by the server while idle: seen before the next request...
+      {"idle-close", true, 100, "GET", false, 200},
+      // ... or only after it went out: sent again on a new connection, but a POST is not.
+      {"drop", true, 0, "GET", false, 200},
+      {"drop", true, 0, "HEAD", false, 200},
+      {"drop", true, 0, "POST", true, utils::HttpRequestProtocolError},
+  };
+  for (const auto& c : cases) {
+    utils::ClearThreadHttpConnections();
+    utils::HttpRequestParams params;
+    params.keepAlive = c.keepAlive;
+    ASSERT_EQ(Get(servers_->peer.Url(std::string("/keep?") + c.first), params), 200) << c.first;
+    const std::vector<std::string> first = Words(body_);
+    ASSERT_EQ(first.size(), 2u);
+    std::this_thread::sleep_for(std::chrono::milliseconds(c.pauseMs));
+    EXPECT_EQ(utils::PerformHttpRequest(c.secondMethod, servers_->peer.Url("/keep"), {}, &body_, &response_),
+              c.secondResult) << c.first << " " << c.secondMethod;
+    if (c.secondResult != 200 || std::string(c.secondMethod) == "HEAD") continue;
+    const std::vector<std::string> second = Words(body_);
+    ASSERT_EQ(second.size(), 2u);
+    EXPECT_EQ(second[0] == first[0], c.reused) << c.first;
+    EXPECT_EQ(second[1], c.reused ? "2" : "1") << c.first;
+  }
+  utils::ClearThreadHttpConnections();
+}
+
+TEST_F(HttpRequest, ReusesHttpsConnectionsAndResumesSessionsOnNewOnes) {
+  utils::ClearThreadHttpConnections();
+  const std::string url = servers_->site.HttpsUrl("localhost", "/conn");
+  utils::HttpRequestParams fresh;
+  fresh.keepAlive = false;
+  std::vector<std::vector<std::string>> seen;
+  for (bool keepAlive : {true, true, false, false}) {
+    utils::HttpRequestParams params;
+    params.keepAlive = keepAlive;
+    ASSERT_EQ(Get(url, params), 200) << response_.ErrorText();
+    seen.push_back(Words(body_));
+    ASSERT_EQ(seen.back().size(), 3u) << body_;
+  }
+  EXPECT_EQ(seen[1][0], seen[0][0]);  // one connection, two requests
+  EXPECT_EQ(seen[1][1], "2");
+  for (size_t i : {2, 3}) {
+    EXPECT_NE(seen[i][0], seen[i - 1][0]);  // new connections, resumed sessions
+    EXPECT_EQ(seen[i][2], "r");
+  }
+  utils::ClearThreadHttpConnections();
+  ASSERT_EQ(Get(url, fresh), 200);
+  EXPECT_EQ(Words(body_).at(2), ".");  // nothing left to resume
+
+  // A resumed session still has to match the host name it is used for.
+  utils::BaseSocketClient first;
+  const std::string port = std::to_string(servers_->site.HttpsPort());
+  ASSERT_EQ(first.Connect("127.0.0.1", port, 2000), utils::BaseSocketClient::ErrorNone);
+  ASSERT_EQ(first.InitiateSecureSession("localhost", 2000, 0, {}), utils::BaseSocketClient::ErrorNone);
+  const std::string request = "GET /conn HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
+  ASSERT_EQ(utils::SendAll(&first, request.data(), request.size(), nullptr, 2000), utils::BaseSocketClient::ErrorNone);
+  char answer[4096];
+  size_t got = 0;
+  EXPECT_EQ(utils::RecvAll(&first, answer, sizeof(answer), &got, 2000), utils::BaseSocketClient::ErrorEndOfStream);
+  const utils::tls::SessionPtr session = first.ResumableTlsSession();
+  ASSERT_NE(session, nullptr);
+  utils::BaseSocketClient second;
+  ASSERT_EQ(second.Connect("127.0.0.1", port, 2000), utils::BaseSocketClient::ErrorNone);
+  second.OfferTlsSession(session);
+  EXPECT_EQ(second.InitiateSecureSession("localhost.localdomain", 2000, 0, {}), utils::BaseSocketClient::ErrorFailed);
+  EXPECT_TRUE(second.TlsSessionReused());
+  EXPECT_EQ(second.LastFailureText(), "certificate does not match the host name");
+}
+
+TEST_F(HttpRequest, PooledConnectionsNeverCrossThreads) {
+  std::vector<std::set<std::string>> connections(4);
+  std::vector<std::thread> threads;
+  for (auto& mine : connections) {
+    threads.emplace_back([this, &mine] {
+      std::string body;
+      for (int i = 0; i < 5; ++i) {
+        if (utils::PerformHttpRequest("GET", servers_->peer.Url("/keep"), {}, &body, nullptr) == 200) {
+          mine.insert(Words(body).at(0));
+        }
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  std::set<std::string> all;
+  for (const auto& mine : connections) {
+    EXPECT_EQ(mine.size(), 1u);  // each thread kept its own
+    all.insert(mine.begin(), mine.end());
+  }
+  EXPECT_EQ(all.size(), connections.size());
+}
+
+TEST(HttpConnectionPool, StaysWithinItsBoundsAndHandsOutOnlyLiveIdleConnections) {
+  utils::HttpConnectionPool pool;
+  std::vector<int> peers;
+  auto open = [&peers] {
+    int pair[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    peers.push_back(pair[1]);
+    auto socket = std::make_unique<utils::impl::Socket>(nullptr);
+    socket->Attach(pair[0], "peer");
+    return socket;
+  };
+  for (int i = 0; i < 6; ++i) pool.Put("a", open(), 0);
+  EXPECT_EQ(pool.IdleCount(), utils::HttpConnectionPool::kMaxIdlePerKey);
+  for (int i = 0; i < 40; ++i) pool.Put("k" + std::to_string(i), open(), i);
+  EXPECT_EQ(pool.IdleCount(), utils::HttpConnectionPool::kMaxIdle);
+  EXPECT_EQ(pool.Take("a", 40), nullptr);  // the oldest went first
+  EXPECT_NE(pool.Take("k39", 40), nullptr);
+  EXPECT_EQ(pool.Take("k39", 40), nullptr);
+  EXPECT_EQ(pool.Take("k38", 38 + utils::HttpConnectionPool::kMaxIdleMs + 1), nullptr);  // idle too long
+  EXPECT_EQ(pool.IdleCount(), 0u);
+  pool.Put("closed", open(), 0);
+  close(peers.back());
+  peers.pop_back();
+  EXPECT_EQ(pool.Take("closed", 0), nullptr);
+  pool.Put("unread", open(), 0);
+  EXPECT_EQ(write(peers.back(), "x", 1), 1);
+  EXPECT_EQ(pool.Take("unread", 0), nullptr);
+  for (int peer : peers) close(peer);
 }
 
 }  // namespace

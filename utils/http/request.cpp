@@ -7,12 +7,15 @@
 #include <vector>
 
 #include "utils/base64.h"
+#include "utils/env.h"
 #include "utils/http/chunked_decoder.h"
+#include "utils/http/connection_pool.h"
 #include "utils/http/cookies.h"
 #include "utils/http/digest_auth.h"
 #include "utils/http/framing.h"
 #include "utils/log.h"
 #include "utils/net/proxy_tunnel.h"
+#include "utils/net/socket.h"
 #include "utils/string_to_int.h"
 #include "utils/strings.h"
 #include "utils/time.h"
@@ -224,9 +227,10 @@ bool BuildRequestHead(const Hop& hop, const Target& target, const HttpRequestPar
   if (!hop.body->empty() || IsMethodWithBody(hop.method)) {
     add("Content-Length", std::to_string(hop.body->size()));
   }
-  // Connections are never reused, so say so: the server then closes first
-  // and keeps the TIME_WAIT state on its side.
-  if (!HasHeader(extra, "Connection")) add("Connection", "close");
+  // HTTP/1.1 keeps the connection by default. One that will not be kept
+  // says so: the server then closes first and keeps the TIME_WAIT state on
+  // its side.
+  if (!params.keepAlive && !HasHeader(extra, "Connection")) add("Connection", "close");
   out += "\r\n";
   return safe;
 }
@@ -342,7 +346,11 @@ struct Exchange {
 // Reads a final response head (interim 1xx heads are dropped, except 101
 // which ends the exchange) into *response. The body bytes that came with it
 // are left at the start of *pending.
-int ReadResponseHead(const Exchange& x, HttpResponse* response, std::string* pending) {
+// What ReadResponseHead returns when a reused connection ended before the
+// first byte of an answer: the server closed it while it was idle.
+constexpr int kStaleConnection = 1;
+
+int ReadResponseHead(const Exchange& x, HttpResponse* response, std::string* pending, bool mayBeStale) {
   std::string& buffer = *pending;
   size_t filled = buffer.size();
   for (;;) {
@@ -369,6 +377,8 @@ int ReadResponseHead(const Exchange& x, HttpResponse* response, std::string* pen
     const Error_t error = x.client->Recv(&buffer[filled], std::min(kHeadReadBytes, kMaxHeadBytes - filled + 1),
                                          &got, x.deadline.LeftMs());
     filled += got;
+    const bool ended = error == AbstractCancellableClient::ErrorEndOfStream || error == AbstractCancellableClient::ErrorFailed;
+    if (ended && mayBeStale && filled == 0) return kStaleConnection;
     if (error == AbstractCancellableClient::ErrorEndOfStream) {
       return x.fail(HttpRequestProtocolError, x.peer + " closed the connection before a complete response head");
     }
@@ -409,12 +419,17 @@ bool IsChunked(const HttpResponse& response) {
   return !codings.empty() && SameIgnoreCase(TrimString(codings.back()), "chunked");
 }
 
+// Leaves in *pending what came after the body.
 int ReadChunkedBody(const Exchange& x, size_t maxBodyBytes, std::string* pending, std::string* output) {
   ChunkedDecoder decoder(maxBodyBytes);
   std::string block = std::move(*pending);
   for (;;) {
-    const ChunkedDecoder::Result result = decoder.Feed(block.data(), block.size(), output, nullptr);
-    if (result == ChunkedDecoder::kDone) return 0;
+    size_t consumed = 0;
+    const ChunkedDecoder::Result result = decoder.Feed(block.data(), block.size(), output, &consumed);
+    if (result == ChunkedDecoder::kDone) {
+      pending->assign(block, consumed, std::string::npos);
+      return 0;
+    }
     if (result == ChunkedDecoder::kMalformed) return x.fail(HttpRequestProtocolError, "malformed chunked body from " + x.peer);
     if (result == ChunkedDecoder::kTooLarge) return x.TooLarge(maxBodyBytes);
     block.resize(kBodyReadBytes);
@@ -444,6 +459,7 @@ int ReadBody(const Exchange& x, const HttpResponse& response, size_t maxBodyByte
     // Straight into the result, in one allocation.
     output->reserve(size);
     output->assign(*pending, 0, std::min(size, pending->size()));
+    pending->erase(0, output->size());
     size_t filled = output->size();
     Error_t error = AbstractCancellableClient::ErrorNone;
     while (filled < size && error == AbstractCancellableClient::ErrorNone) {
@@ -462,6 +478,7 @@ int ReadBody(const Exchange& x, const HttpResponse& response, size_t maxBodyByte
   // No framing: the body runs to the end of the stream.
   if (pending->size() > maxBodyBytes) return x.TooLarge(maxBodyBytes);
   *output = std::move(*pending);
+  pending->clear();
   size_t filled = output->size();
   for (;;) {
     if (output->size() == filled) GrowForRead(output, kBodyReadBytes);
@@ -477,6 +494,62 @@ int ReadBody(const Exchange& x, const HttpResponse& response, size_t maxBodyByte
       return error == AbstractCancellableClient::ErrorEndOfStream ? 0 : x.BodyStalled(error);
     }
   }
+}
+
+bool HasToken(const StringPairList& headers, const char* name, const char* token) {
+  std::vector<std::string> values;
+  headers.ValueList(name, values, true);
+  for (const std::string& value : values) {
+    std::vector<std::string> items;
+    SplitString(value, ",", true, &items);
+    for (const std::string& item : items) {
+      if (SameIgnoreCase(TrimString(item), token)) return true;
+    }
+  }
+  return false;
+}
+
+// HTTP/1.1 persistence (RFC 9112, section 9.3): a 1.1 answer keeps the
+// connection unless either side said close, a 1.0 answer only with
+// keep-alive; a body that ran to the end of the stream took it along.
+bool ConnectionStaysOpen(const HttpRequestParams& params, const HttpResponse& response, bool bodyToEnd) {
+  if (!params.keepAlive || bodyToEnd || response.StatusCode == 101) return false;
+  if (HasToken(params.headers, "Connection", "close") || HasToken(response.Headers, "Connection", "close")) {
+    return false;
+  }
+  if (response.HttpVersion == "1.1") return true;
+  return response.HttpVersion == "1.0" && HasToken(response.Headers, "Connection", "keep-alive");
+}
+
+// RFC 9110, section 9.2.2: these can be sent twice without harm.
+bool IsIdempotent(const std::string& method) {
+  return method == "GET" || method == "HEAD" || method == "OPTIONS" || method == "TRACE" || method == "PUT" ||
+         method == "DELETE";
+}
+
+// What a TLS session was made under: the server, and how and against what
+// trust its certificate was verified. A session resumes only under the same.
+std::string SessionKey(const Target& target, const HttpRequestParams& params) {
+  std::string key = target.host + "|" + std::to_string(target.port) + (params.lenientTls ? "|lenient|" : "|verify|");
+  for (const char* name : {"CORVANE_OPENSSL_CA_FILE", "CORVANE_OPENSSL_CA_PATH",
+                           "CORVANE_OPENSSL_SUPPRESS_CA_VERIFICATION", "CORVANE_OPENSSL_STRICT_CA_VERIFICATION"}) {
+    std::string value;
+    GetEnv(name, &value);
+    key += value + "|";
+  }
+  return key;
+}
+
+// Whatever changes what a connection was set up for: the scheme, the way to
+// the server (address order, proxy) and, for TLS, the session's key.
+std::string ConnectionKey(const Target& target, const HttpRequestParams& params, const std::string& sessionKey) {
+  std::string key = (target.secure ? "https|" : "http|") + std::to_string(params.connectionMode) + "|";
+  const NetProxyInfo& proxy = params.proxy;
+  if (proxy.IsSet()) {
+    key += std::to_string(proxy.type) + "|" + proxy.host + "|" + std::to_string(proxy.port) + "|" + proxy.login +
+           "|" + proxy.password + "|";
+  }
+  return key + (target.secure ? sessionKey : target.host + "|" + std::to_string(target.port));
 }
 
 bool IsRedirect(int status) {
@@ -511,6 +584,8 @@ BaseSocketClient& SharedThreadClient() {
 }
 
 }  // namespace
+
+void ClearThreadHttpConnections() { HttpConnectionPool::ForThisThread().Clear(); }
 
 const char* HttpRequestErrorName(int code) {
   switch (code) {
@@ -593,6 +668,8 @@ int PerformHttpRequest(BaseSocketClient* client, const std::string& method, cons
   std::string digestAuthorization;
   bool digestTried = false;
   int redirects = 0;
+  // Set after a reused connection turned out closed: the next attempt connects anew.
+  bool freshConnection = false;
   for (;;) {
     ConnectionGuard guard(client);
     // Credentials stay with the origin they were given for.
@@ -613,8 +690,24 @@ int PerformHttpRequest(BaseSocketClient* client, const std::string& method, cons
     }
     hop.cookies = cookies.CookieHeader(target.host, target.path, target.secure);
 
-    const int connected = ConnectHop(client, target, params, deadline, fail, &hop.absoluteForm);
-    if (connected != 0) return connected;
+    HttpConnectionPool& pool = HttpConnectionPool::ForThisThread();
+    const std::string sessionKey = target.secure ? SessionKey(target, params) : std::string();
+    const std::string connectionKey = ConnectionKey(target, params, sessionKey);
+    std::unique_ptr<impl::Socket> idle;
+    if (params.keepAlive && !freshConnection) idle = pool.Take(connectionKey);
+    freshConnection = false;
+    const bool reused = idle != nullptr;
+    if (reused) {
+      client->SwapConnection(idle.get());
+      hop.absoluteForm = params.proxy.IsSet() && !target.secure && params.proxy.type != NetProxyTypeSocks5;
+    } else {
+      // The session goes to the target's handshake; an https proxy would take it first.
+      if (target.secure && params.proxy.type != NetProxyTypeHttps) client->OfferTlsSession(pool.Session(sessionKey));
+      const int connected = ConnectHop(client, target, params, deadline, fail, &hop.absoluteForm);
+      if (connected != 0) return connected;
+    }
+    // Sent twice at most, and only what may be sent twice.
+    const bool mayRetry = reused && IsIdempotent(hop.method);
     std::string head;
     if (!BuildRequestHead(hop, target, params, &head)) {
       return fail(HttpRequestInvalid, "a request header for " + target.hostPort +
@@ -627,14 +720,25 @@ int PerformHttpRequest(BaseSocketClient* client, const std::string& method, cons
     if (error == AbstractCancellableClient::ErrorNone && !inlineBody) {
       error = SendAll(client, body.data(), body.size(), nullptr, deadline.LeftMs());
     }
+    const bool broken = error == AbstractCancellableClient::ErrorFailed || error == AbstractCancellableClient::ErrorEndOfStream;
+    if (broken && mayRetry) {
+      freshConnection = true;
+      continue;
+    }
     if (error != AbstractCancellableClient::ErrorNone) {
       return fail.Client(error, "request to " + target.hostPort + " not sent", params.timeoutMs, HttpRequestFailed);
     }
 
     std::string pending;
-    const int headResult = ReadResponseHead(exchange, response, &pending);
+    const int headResult = ReadResponseHead(exchange, response, &pending, mayRetry);
+    if (headResult == kStaleConnection) {
+      freshConnection = true;
+      continue;
+    }
     if (headResult != 0) return headResult;
     const int status = response->StatusCode;
+    // By now a TLS 1.3 server's tickets have arrived with the first records.
+    if (target.secure && !client->TlsSessionReused()) pool.StoreSession(sessionKey, client->ResumableTlsSession());
 
     std::vector<std::string> setCookies;
     response->Headers.ValueList("Set-Cookie", setCookies, true);
@@ -679,11 +783,20 @@ int PerformHttpRequest(BaseSocketClient* client, const std::string& method, cons
       }
     }
 
-    if (!HasBody(hop.method, status)) return status;
-    const int bodyResult = ReadBody(exchange, *response, params.maxBodyBytes, &pending, output);
-    if (bodyResult != 0) {
-      output->clear();
-      return bodyResult;
+    const bool hasBody = HasBody(hop.method, status);
+    const bool bodyToEnd = hasBody && !IsChunked(*response) && ContentLength(*response) == -1;
+    if (hasBody) {
+      const int bodyResult = ReadBody(exchange, *response, params.maxBodyBytes, &pending, output);
+      if (bodyResult != 0) {
+        output->clear();
+        return bodyResult;
+      }
+    }
+    // Bytes beyond the answer would be taken for the next one's.
+    if (pending.empty() && ConnectionStaysOpen(params, *response, bodyToEnd)) {
+      std::unique_ptr<impl::Socket> keep(new impl::Socket(nullptr));
+      client->SwapConnection(keep.get());
+      pool.Put(connectionKey, std::move(keep));
     }
     return status;
   }

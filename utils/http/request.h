@@ -81,17 +81,31 @@ struct HttpRequestParams {
 // only, never into a tunnel. A redirect from https to http while any of these
 // would still be sent is refused. CR, LF or NUL in any value bound for the
 // request head fails the request before anything is sent.
+//
+// With params.keepAlive the request takes an idle connection of the calling
+// thread when one to the same server, through the same proxy and with the
+// same TLS settings is open with nothing unread, and leaves its connection
+// there when HTTP/1.1 allows. A GET, HEAD, PUT, DELETE, OPTIONS or TRACE on a
+// reused connection that ends before the first byte of an answer is sent
+// once more on a new connection. TLS sessions are resumed on new connections
+// to the same host and port under the same verification, keepAlive or not.
 int PerformHttpRequest(const std::string& method, const std::string& url,
                        const HttpRequestParams& params, std::string* output,
                        HttpResponse* response);
 
 // The same on a client the caller owns, so that another thread may Cancel it
 // (the call then returns HttpRequestCanceled). The client must not be
-// connected; it is closed again when the call returns. A Cancel that arrives
+// connected; when the call returns it is closed again, its connection kept
+// in the thread's pool or closed. A Cancel that arrives
 // while nothing waits cancels the call's next wait.
 int PerformHttpRequest(BaseSocketClient* client, const std::string& method, const std::string& url,
                        const HttpRequestParams& params, std::string* output,
                        HttpResponse* response);
+
+// Closes the calling thread's idle connections and forgets its TLS
+// sessions. Connections are kept per thread (at most 4 idle ones per server
+// and way to it, 32 in all, each for 30 s) and closed when the thread ends.
+void ClearThreadHttpConnections();
 
 // The calling thread's client for one request. A client per call would cost a
 // pipe and four system calls, a fair share of a small request, so each thread

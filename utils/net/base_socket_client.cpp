@@ -273,6 +273,16 @@ void BaseSocketClient::Reset() {
 
 int BaseSocketClient::DetachNativeHandle() { return impl_->socket.Detach(); }
 
+void BaseSocketClient::SwapConnection(impl::Socket* other) { impl_->socket.Swap(*other); }
+
+bool BaseSocketClient::IsIdleAndOpen() const { return impl_->socket.IsIdleAndOpen(); }
+
+void BaseSocketClient::OfferTlsSession(tls::SessionPtr session) { impl_->socket.OfferSession(std::move(session)); }
+
+tls::SessionPtr BaseSocketClient::ResumableTlsSession() const { return impl_->socket.ResumableSession(); }
+
+bool BaseSocketClient::TlsSessionReused() const { return impl_->socket.SessionReused(); }
+
 BaseSocketClient::FailureStage BaseSocketClient::LastFailureStage() const { return impl_->failureStage; }
 
 const std::string& BaseSocketClient::LastFailureText() const { return impl_->failureText; }

@@ -14,6 +14,10 @@
 
 namespace utils {
 
+namespace impl {
+class Socket;
+}
+
 // Selects the resolver's socket type and the module name of log records.
 enum SocketType : int {
   SocketTypeStream = 0,    // TCP; "utils::StreamSocket"
@@ -60,6 +64,17 @@ class BaseSocketClient : public AbstractCancellableClient {
   void Reset() override;
   // Hands the descriptor out (-1 when not connected); the client no longer owns it.
   int DetachNativeHandle();
+
+  // Exchanges the connection (descriptor and TLS state) with a socket held
+  // aside, so that a connection can outlive one request and serve the next.
+  void SwapConnection(impl::Socket* other);
+  // Connected, nothing unread and nothing arrived since the last read.
+  bool IsIdleAndOpen() const;
+  // A session for the next InitiateSecureSession to resume; used once.
+  void OfferTlsSession(tls::SessionPtr session);
+  // The current connection's session, when a later connection may resume it.
+  tls::SessionPtr ResumableTlsSession() const;
+  bool TlsSessionReused() const;
 
   // Which step the last failed Connect/ConnectEx or InitiateSecureSession
   // failed in, and why in a few words (the resolver's or the system's message,

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -129,6 +130,46 @@ void Socket::Attach(int descriptor, const std::string& host) {
   Close();
   descriptor_ = descriptor;
   host_ = host;
+}
+
+void Socket::Swap(Socket& other) {
+  std::swap(descriptor_, other.descriptor_);
+  std::swap(send_, other.send_);
+  std::swap(recv_, other.recv_);
+  std::swap(peek_, other.peek_);
+  std::swap(secure_, other.secure_);
+  std::swap(host_, other.host_);
+  std::swap(tlsError_, other.tlsError_);
+  std::swap(offer_, other.offer_);
+  std::swap(verify_, other.verify_);
+}
+
+bool Socket::IsIdleAndOpen() const {
+  if (descriptor_ == -1) return false;
+  if (secure_ != nullptr && SSL_has_pending(secure_->connection.get()) == 1) return false;
+  // Readable means an end of stream, a reset, or bytes nobody asked for
+  // (a TLS close_notify included): none of them leaves the connection usable.
+  pollfd entry{descriptor_, POLLIN | POLLRDHUP, 0};
+  int ready;
+  do {
+    ready = poll(&entry, 1, 0);
+  } while (ready < 0 && errno == EINTR);
+  return ready == 0;
+}
+
+tls::SessionPtr Socket::ResumableSession() const {
+  if (secure_ == nullptr) return nullptr;
+  SSL_SESSION* session = SSL_get1_session(secure_->connection.get());
+  if (session == nullptr) return nullptr;
+  if (SSL_SESSION_is_resumable(session) != 1) {
+    SSL_SESSION_free(session);
+    return nullptr;
+  }
+  return tls::SessionPtr(session, SSL_SESSION_free);
+}
+
+bool Socket::SessionReused() const {
+  return secure_ != nullptr && SSL_session_reused(secure_->connection.get()) == 1;
 }
 
 int Socket::Detach() {
@@ -290,6 +331,11 @@ int Socket::InitializeSecureData(const char* host, bool verify, const tls::CertS
   if (host != nullptr && !IsValidIpAddr(host)) {
     SSL_set_tlsext_host_name(secure->connection.get(), host);
   }
+  // A session resumes only on a connection that verifies as the one that
+  // made it did; choosing such a session is the caller's part.
+  const tls::SessionPtr offer = std::move(offer_);
+  offer_.reset();
+  if (offer != nullptr && SSL_set_session(secure->connection.get(), offer.get()) != 1) ERR_clear_error();
   CORVANE_LOG(logger_, zullog::SeverityTrace, kModule) << "Create set descriptor to SSL handle";
   if (SSL_set_fd(secure->connection.get(), descriptor_) != 1) {
     CORVANE_LOG(logger_, zullog::SeverityError, kModule)
@@ -333,6 +379,12 @@ int Socket::SecureConnect() {
     return ConvertSslError(error);
   }
   if (!verify_) return SocketStatusDone;
+  // A resumed session brings no certificate chain to verify: it must have
+  // passed verification when it was made.
+  if (SSL_session_reused(connection) == 1 && SSL_get_verify_result(connection) != X509_V_OK) {
+    tlsError_ = "resumed session was not verified";
+    return SocketStatusFailed;
+  }
   if (VerifyOpensslServerCertHostname(connection, host_.c_str(), logger_)) return SocketStatusDone;
   tlsError_ = "certificate does not match the host name";
   return SocketStatusFailed;
