@@ -329,7 +329,7 @@ int ConnectHop(BaseSocketClient* client, const Target& target, const HttpRequest
 // One exchange with one peer: where its bytes come from and how its
 // failures read.
 struct Exchange {
-  AbstractCancellableClient* client;
+  BaseSocketClient* client;
   const Deadline& deadline;
   Failure fail;
   std::string peer;  // host:port
@@ -374,8 +374,13 @@ int ReadResponseHead(const Exchange& x, HttpResponse* response, std::string* pen
     }
     buffer.resize(std::max(buffer.size(), filled + kHeadReadBytes));
     size_t got = 0;
-    const Error_t error = x.client->Recv(&buffer[filled], std::min(kHeadReadBytes, kMaxHeadBytes - filled + 1),
-                                         &got, x.deadline.LeftMs());
+    // Nothing can be there the moment the request went out: a read first
+    // would only report "would block".
+    Error_t error = filled == 0 ? x.client->WaitForInput(x.deadline.LeftMs()) : AbstractCancellableClient::ErrorNone;
+    if (error == AbstractCancellableClient::ErrorNone) {
+      error = x.client->Recv(&buffer[filled], std::min(kHeadReadBytes, kMaxHeadBytes - filled + 1), &got,
+                             x.deadline.LeftMs());
+    }
     filled += got;
     const bool ended = error == AbstractCancellableClient::ErrorEndOfStream || error == AbstractCancellableClient::ErrorFailed;
     if (ended && mayBeStale && filled == 0) return kStaleConnection;

@@ -245,6 +245,21 @@ BaseSocketClient::Error_t BaseSocketClient::Recv(void* buffer, size_t size, size
   return result;
 }
 
+BaseSocketClient::Error_t BaseSocketClient::WaitForInput(int timeoutMs) {
+  Impl& self = *impl_;
+  if (self.socket.HasBufferedInput()) return ErrorNone;
+  switch (self.point.WaitFor(self.socket.Descriptor(), impl::OperationRead, timeoutMs)) {
+    case impl::WaitReady:
+      return ErrorNone;
+    case impl::WaitCanceled:
+      return ErrorCanceled;
+    case impl::WaitTimedOut:
+      return ErrorTimedOut;
+    default:
+      return ErrorFailed;
+  }
+}
+
 BaseSocketClient::Error_t BaseSocketClient::Sleep(int ms) {
   switch (impl_->point.Sleep(ms)) {
     case 0:

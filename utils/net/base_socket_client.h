@@ -58,6 +58,10 @@ class BaseSocketClient : public AbstractCancellableClient {
   // The time-out applies to each wait, not to the whole call.
   Error_t Send(const void* data, size_t size, size_t* sent, int timeoutMs) override;
   Error_t Recv(void* buffer, size_t size, size_t* received, int timeoutMs) override;
+  // Waits until a Recv would find input (or an end of stream) without
+  // reading any. Saves the read that would only report "would block" when
+  // an answer cannot have arrived yet.
+  Error_t WaitForInput(int timeoutMs);
   Error_t Sleep(int ms) override;
   Error_t Cancel() override;
   Error_t Close() override;

@@ -146,7 +146,7 @@ void Socket::Swap(Socket& other) {
 
 bool Socket::IsIdleAndOpen() const {
   if (descriptor_ == -1) return false;
-  if (secure_ != nullptr && SSL_has_pending(secure_->connection.get()) == 1) return false;
+  if (HasBufferedInput()) return false;
   // Readable means an end of stream, a reset, or bytes nobody asked for
   // (a TLS close_notify included): none of them leaves the connection usable.
   pollfd entry{descriptor_, POLLIN | POLLRDHUP, 0};
@@ -155,6 +155,10 @@ bool Socket::IsIdleAndOpen() const {
     ready = poll(&entry, 1, 0);
   } while (ready < 0 && errno == EINTR);
   return ready == 0;
+}
+
+bool Socket::HasBufferedInput() const {
+  return secure_ != nullptr && SSL_has_pending(secure_->connection.get()) == 1;
 }
 
 tls::SessionPtr Socket::ResumableSession() const {

@@ -46,6 +46,9 @@ class Socket : private Noncopyable {
   // True when the connection is open, nothing arrived on it since the last
   // read and nothing is buffered: fit to carry a new request. Never waits.
   bool IsIdleAndOpen() const;
+  // TLS holds decrypted or raw bytes that a read would return without the
+  // descriptor becoming readable.
+  bool HasBufferedInput() const;
   // Closes what was held and takes the descriptor; host serves SNI and the
   // host-name check.
   void Attach(int descriptor, const std::string& host);
