@@ -5,6 +5,8 @@
 // lua::RunTime::Cancel.
 #include <algorithm>
 #include <climits>
+#include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -17,9 +19,11 @@
 #include "lua/object_ref.h"
 #include "lua/runtime.h"
 #include "lua/wrap_func.h"
+#include "utils/http/body_files.h"
 #include "utils/http/request.h"
 #include "utils/net/base_socket_client.h"
 #include "utils/net_proxy_info.h"
+#include "utils/time.h"
 #include "utils/url.h"
 
 namespace lua {
@@ -118,7 +122,19 @@ struct Request {
   std::string method;
   std::string url;
   utils::HttpRequestParams params;
+  std::string outputFile;
+  std::string inputFile;
 };
+
+// A path goes to the file system as a C string: a NUL would cut it short
+// and name another file.
+std::string PathField(const Rt& rt, int table, const char* name) {
+  const std::string path = StringField(rt, table, name, "");
+  if (path.find_first_of(std::string("\0\r\n", 3)) != std::string::npos) {
+    rt->Error(std::string("Bad argument: \"") + name + "\" holds a NUL, CR or LF byte");
+  }
+  return path;
+}
 
 void ReadOptions(const Rt& rt, const Args& args, Request* request) {
   rt->CheckArgsCount(args, 1);
@@ -145,6 +161,10 @@ void ReadOptions(const Rt& rt, const Args& args, Request* request) {
   params.keepAlive = BooleanField(rt, table, "keepAlive", true);
   const long long maxBodyBytes = IntegerField(rt, table, "maxBodyBytes", -1);
   if (maxBodyBytes < -1) rt->Error("Bad argument: \"maxBodyBytes\" must not be negative");
+  request->outputFile = PathField(rt, table, "outputFile");
+  request->inputFile = PathField(rt, table, "inputFile");
+  // The host's cap guards memory; a body on its way to a file takes none.
+  if (!request->outputFile.empty()) params.maxBodyBytes = SIZE_MAX;
   // A script may only lower the host's cap.
   if (maxBodyBytes >= 0 && static_cast<unsigned long long>(maxBodyBytes) < params.maxBodyBytes) {
     params.maxBodyBytes = static_cast<size_t>(maxBodyBytes);
@@ -184,6 +204,46 @@ void PushHeaders(lua_State* L, const utils::StringPairList& headers) {
   }
 }
 
+// The files of "outputFile" and "inputFile", for one request.
+class BodyFiles {
+ public:
+  // False, with the reason in the response, when a file cannot be opened.
+  bool Open(const Request& request, utils::HttpResponse* response) {
+    if (!request.inputFile.empty()) {
+      input_.reset(new utils::HttpFileSource(request.inputFile));
+      if (!input_->IsOpen()) return Refuse(input_->Error(), response);
+    }
+    if (!request.outputFile.empty()) {
+      output_.reset(new utils::HttpFileSink(request.outputFile));
+      if (!output_->IsOpen()) return Refuse(output_->Error(), response);
+    }
+    return true;
+  }
+  utils::HttpBodySource* Source() { return input_ ? input_->Source() : nullptr; }
+  utils::HttpBodySink Sink() { return output_ ? output_->Sink() : utils::HttpBodySink(); }
+
+  // Puts a 2xx body in place; any other answer leaves the file as it was.
+  int Finish(int code, utils::HttpResponse* response) {
+    if (output_ == nullptr) return code;
+    if (code == utils::HttpRequestAborted && !output_->Error().empty()) {
+      Refuse(output_->Error(), response);
+      return utils::HttpRequestFileError;
+    }
+    if (code < 200 || code > 299 || output_->Commit()) return code;
+    Refuse(output_->Error(), response);
+    return utils::HttpRequestFileError;
+  }
+
+ private:
+  static bool Refuse(const std::string& why, utils::HttpResponse* response) {
+    response->SetErrorText(why);
+    return false;
+  }
+
+  std::unique_ptr<utils::HttpFileSource> input_;
+  std::unique_ptr<utils::HttpFileSink> output_;
+};
+
 // How a failed request is answered: false alone, or nil and "class: detail".
 enum class FailureResult { kFalse, kNilAndMessage };
 
@@ -198,16 +258,25 @@ int Perform(Rt& rt, const Request& request, const char* functionName,
   bool woken = false;
   bool cancelled = false;
   int code;
+  BodyFiles files;
+  const int64_t startMs = utils::GetMonotonicTimeInMs();
   {
     RunTime::CancellableWait wait(rt->State(), [&client, &woken] {
       client.Cancel();
       woken = true;
     });
-    code = wait.Cancelled() ? static_cast<int>(utils::HttpRequestCanceled)
-                            : utils::PerformHttpRequest(&client, request.method, request.url, request.params,
-                                                        &output, &response);
+    if (wait.Cancelled()) {
+      code = utils::HttpRequestCanceled;
+    } else if (!files.Open(request, &response)) {
+      code = utils::HttpRequestFileError;
+    } else {
+      code = utils::PerformHttpRequest(&client, request.method, request.url, request.params, files.Source(),
+                                       files.Sink(), &output, &response);
+      code = files.Finish(code, &response);
+    }
     cancelled = wait.Cancelled();
   }
+  const long long timeMs = utils::GetMonotonicTimeInMs() - startMs;
   // A wake-up that came too late for the request's waits is still in the
   // client and would cancel the next call.
   if (woken) client.Reset();
@@ -236,7 +305,10 @@ int Perform(Rt& rt, const Request& request, const char* functionName,
   lua_setfield(L, -2, "httpVersion");
   lua_pushlstring(L, output.data(), output.size());
   lua_setfield(L, -2, "output");
-  return failure == FailureResult::kFalse ? 2 : 1;
+  if (failure == FailureResult::kFalse) return 2;
+  lua_pushinteger(L, timeMs);
+  lua_setfield(L, -2, "timeMs");
+  return 1;
 }
 
 int PerformRequest(Rt& rt, const Args& args) {

@@ -1,7 +1,14 @@
 #include "utils/http/request.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdio>
 
 #include <chrono>
 #include <memory>
@@ -14,6 +21,7 @@
 #include <gtest/gtest.h>
 
 #include "http/support/http_peers.h"
+#include "utils/http/body_files.h"
 #include "utils/http/connection_pool.h"
 #include "utils/net/base_socket_client.h"
 
@@ -435,6 +443,124 @@ TEST_F(HttpRequest, PooledConnectionsNeverCrossThreads) {
     all.insert(mine.begin(), mine.end());
   }
   EXPECT_EQ(all.size(), connections.size());
+}
+
+long ResidentKb() {
+  long pages = 0;
+  long resident = 0;
+  FILE* statm = fopen("/proc/self/statm", "r");
+  if (statm != nullptr) {
+    if (fscanf(statm, "%ld %ld", &pages, &resident) != 2) resident = 0;
+    fclose(statm);
+  }
+  return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+std::vector<std::string> Listing(const std::string& directory) {
+  std::vector<std::string> names;
+  if (DIR* dir = opendir(directory.c_str())) {
+    while (const dirent* entry = readdir(dir)) names.push_back(entry->d_name);
+    closedir(dir);
+  }
+  return names;
+}
+
+TEST_F(HttpRequest, StreamsAGigabyteToAFileInBoundedMemory) {
+  // Sparse: a gigabyte of zeros without the disk space.
+  const std::string source = servers_->dir.Path() + "/www/files/big";
+  const int fd = open(source.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
+  ASSERT_EQ(ftruncate(fd, off_t{1} << 30), 0);
+  close(fd);
+  const std::string target = servers_->dir.Path() + "/download";
+  utils::HttpFileSink file(target);
+  ASSERT_TRUE(file.IsOpen());
+  const utils::HttpBodySink write = file.Sink();
+  const long startKb = ResidentKb();
+  long peakKb = startKb;
+  uint64_t total = 0;
+  bool zeros = true;
+  utils::HttpRequestParams params;
+  params.maxBodyBytes = SIZE_MAX;
+  const int code = utils::PerformHttpRequest(
+      "GET", servers_->site.HttpUrl("/files/big"), params, nullptr,
+      [&](const char* data, size_t size) {
+        zeros = zeros && std::all_of(data, data + size, [](char c) { return c == 0; });
+        if ((total >> 24) != ((total + size) >> 24)) peakKb = std::max(peakKb, ResidentKb());
+        total += size;
+        return write(data, size);
+      },
+      nullptr, &response_);
+  ASSERT_EQ(code, 200) << response_.ErrorText();
+  ASSERT_TRUE(file.Commit()) << file.Error();
+  EXPECT_EQ(total, uint64_t{1} << 30);
+  EXPECT_TRUE(zeros);
+  EXPECT_LT(peakKb - startKb, 32 * 1024);
+  struct stat status;
+  ASSERT_EQ(stat(target.c_str(), &status), 0);
+  EXPECT_EQ(status.st_size, off_t{1} << 30);
+  unlink(target.c_str());
+  unlink(source.c_str());
+}
+
+TEST_F(HttpRequest, StreamsBodiesBothWays) {
+  std::string received;
+  const utils::HttpBodySink collect = [&received](const char* data, size_t size) {
+    received.append(data, size);
+    return true;
+  };
+  ASSERT_EQ(utils::PerformHttpRequest("GET", servers_->peer.Url("/chunked"), {}, nullptr, collect, &body_, &response_),
+            200);
+  EXPECT_EQ(received, "Hello, world");
+  EXPECT_EQ(body_, "");
+  const utils::HttpBodySink refuse = [](const char*, size_t) { return false; };
+  EXPECT_EQ(utils::PerformHttpRequest("GET", servers_->site.HttpUrl("/files/65536"), {}, nullptr, refuse, nullptr,
+                                      &response_),
+            utils::HttpRequestAborted);
+
+  // A failed download leaves neither the file nor its temporary.
+  const std::string folder = servers_->dir.Path() + "/partial";
+  mkdir(folder.c_str(), 0755);
+  {
+    utils::HttpFileSink file(folder + "/out");
+    EXPECT_EQ(utils::PerformHttpRequest("GET", servers_->peer.Url("/close-mid-body"), {}, nullptr, file.Sink(),
+                                        nullptr, &response_),
+              utils::HttpRequestProtocolError);
+  }
+  EXPECT_EQ(Listing(folder).size(), 2u);  // "." and ".."
+
+  // Sources: sized (Content-Length), unsized (chunked), and started over
+  // for a 307 only when they can be.
+  const std::string payload = httptest::NginxSite::FileContent(300000);
+  const struct {
+    int64_t size;
+    bool rewind;
+    const char* path;
+    int expected;
+    const char* framing;
+  } cases[] = {
+      {300000, true, "/echo", 200, "Content-Length: 300000\r\n"},
+      {-1, true, "/echo", 200, "Transfer-Encoding: chunked\r\n"},
+      {300000, true, "/redirect?307&/echo", 200, "Content-Length: 300000\r\n"},
+      {300000, false, "/redirect?307&/echo", 307, nullptr},
+  };
+  for (const auto& c : cases) {
+    size_t offset = 0;
+    utils::HttpBodySource source;
+    source.size = c.size;
+    source.read = [&](char* buffer, size_t size, size_t* got) {
+      *got = std::min(size, std::min<size_t>(7777, payload.size() - offset));  // odd pieces
+      payload.copy(buffer, *got, offset);
+      offset += *got;
+      return true;
+    };
+    if (c.rewind) source.rewind = [&offset] { return (offset = 0) == 0; };
+    ASSERT_EQ(utils::PerformHttpRequest("PUT", servers_->peer.Url(c.path), {}, &source, {}, &body_, &response_),
+              c.expected) << c.path << " " << response_.ErrorText();
+    if (c.framing == nullptr) continue;
+    EXPECT_NE(body_.find(c.framing), std::string::npos) << body_.substr(0, 300);
+    ASSERT_GE(body_.size(), payload.size());
+    EXPECT_TRUE(body_.compare(body_.size() - payload.size(), payload.size(), payload) == 0) << c.size;
+  }
 }
 
 TEST(HttpConnectionPool, StaysWithinItsBoundsAndHandsOutOnlyLiveIdleConnections) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -165,6 +166,7 @@ std::string BasicCredentials(const std::string& user, const std::string& passwor
 struct Hop {
   std::string method;
   const std::string* body;
+  HttpBodySource* source = nullptr;  // instead of body when set
   std::string authorization;  // ready header value, or empty
   std::string cookies;
   bool absoluteForm = false;
@@ -224,7 +226,13 @@ bool BuildRequestHead(const Hop& hop, const Target& target, const HttpRequestPar
     add(name.c_str(), value);
   }
   if (!cookiesSent) add("Cookie", hop.cookies);
-  if (!hop.body->empty() || IsMethodWithBody(hop.method)) {
+  if (hop.source != nullptr) {
+    if (hop.source->size >= 0) {
+      add("Content-Length", std::to_string(hop.source->size));
+    } else {
+      add("Transfer-Encoding", "chunked");
+    }
+  } else if (!hop.body->empty() || IsMethodWithBody(hop.method)) {
     add("Content-Length", std::to_string(hop.body->size()));
   }
   // HTTP/1.1 keeps the connection by default. One that will not be kept
@@ -501,6 +509,112 @@ int ReadBody(const Exchange& x, const HttpResponse& response, size_t maxBodyByte
   }
 }
 
+// Sends the source's body after the head, chunked when its size is not
+// known. 0, or a failure class.
+int SendSourceBody(const Exchange& x, HttpBodySource* source) {
+  const bool chunked = source->size < 0;
+  const uint64_t announced = static_cast<uint64_t>(source->size);
+  // Room for a chunk-size line in front of the data and CRLF behind it.
+  constexpr size_t kFront = 18;
+  std::string buffer(kFront + kBodyReadBytes + 2, '\0');
+  char* data = &buffer[kFront];
+  uint64_t total = 0;
+  for (;;) {
+    size_t got = 0;
+    if (!source->read(data, kBodyReadBytes, &got) || got > kBodyReadBytes) {
+      return x.fail(HttpRequestAborted, "body source for " + x.peer + " failed");
+    }
+    total += got;
+    if (!chunked && (total > announced || (got == 0 && total != announced))) {
+      return x.fail(HttpRequestAborted, "body source for " + x.peer + " gave other than the " +
+                                            std::to_string(announced) + " bytes announced");
+    }
+    const char* out = data;
+    size_t size = got;
+    if (chunked) {
+      char line[kFront + 1];
+      const size_t length = static_cast<size_t>(std::snprintf(line, sizeof(line), "%zx\r\n", got));
+      std::memcpy(data - length, line, length);
+      std::memcpy(data + got, "\r\n", 2);
+      out = data - length;
+      size = length + got + 2;  // the last chunk is "0\r\n\r\n"
+    }
+    if (size > 0) {
+      const Error_t error = SendAll(x.client, out, size, nullptr, x.deadline.LeftMs());
+      if (error != AbstractCancellableClient::ErrorNone) {
+        return x.fail.Client(error, "request body to " + x.peer + " not sent", x.timeoutMs, HttpRequestFailed);
+      }
+    }
+    if (got == 0 || (!chunked && total == announced)) return 0;
+  }
+}
+
+// Hands the body to the sink piece by piece, in a buffer of bounded size,
+// under the same framing rules as ReadBody.
+int StreamBody(const Exchange& x, const HttpResponse& response, size_t maxBodyBytes, std::string* pending,
+               const HttpBodySink& sink) {
+  uint64_t delivered = 0;
+  auto deliver = [&](const char* data, size_t size) {
+    delivered += size;
+    if (delivered > maxBodyBytes) return x.TooLarge(maxBodyBytes);
+    if (size > 0 && !sink(data, size)) return x.fail(HttpRequestAborted, "body sink stopped the body from " + x.peer);
+    return 0;
+  };
+  std::string block;
+  if (IsChunked(response)) {
+    // The decoder's own cap stays off: delivered counts instead.
+    ChunkedDecoder decoder(static_cast<size_t>(-1));
+    std::string decoded;
+    block = std::move(*pending);
+    pending->clear();
+    for (;;) {
+      size_t consumed = 0;
+      const ChunkedDecoder::Result result = decoder.Feed(block.data(), block.size(), &decoded, &consumed);
+      const int delivery = deliver(decoded.data(), decoded.size());
+      if (delivery != 0) return delivery;
+      decoded.clear();
+      if (result == ChunkedDecoder::kDone) {
+        pending->assign(block, consumed, std::string::npos);
+        return 0;
+      }
+      if (result != ChunkedDecoder::kNeedMore) {
+        return x.fail(HttpRequestProtocolError, "malformed chunked body from " + x.peer);
+      }
+      block.resize(kBodyReadBytes);
+      size_t got = 0;
+      const Error_t error = x.client->Recv(&block[0], block.size(), &got, x.deadline.LeftMs());
+      block.resize(got);
+      if (error == AbstractCancellableClient::ErrorEndOfStream) {
+        return x.fail(HttpRequestProtocolError, "chunked body from " + x.peer + " truncated");
+      }
+      if (error != AbstractCancellableClient::ErrorNone) return x.BodyStalled(error);
+    }
+  }
+  const int64_t length = ContentLength(response);
+  if (length == -2) return x.fail(HttpRequestProtocolError, "malformed Content-Length from " + x.peer);
+  if (length >= 0 && static_cast<uint64_t>(length) > maxBodyBytes) return x.TooLarge(maxBodyBytes);
+  const uint64_t size = length >= 0 ? static_cast<uint64_t>(length) : UINT64_MAX;
+  const size_t first = static_cast<size_t>(std::min<uint64_t>(size, pending->size()));
+  int delivery = deliver(pending->data(), first);
+  if (delivery != 0) return delivery;
+  pending->erase(0, first);
+  block.resize(kBodyReadBytes);
+  while (delivered < size) {
+    size_t got = 0;
+    const size_t want = static_cast<size_t>(std::min<uint64_t>(block.size(), size - delivered));
+    const Error_t error = x.client->Recv(&block[0], want, &got, x.deadline.LeftMs());
+    if (error == AbstractCancellableClient::ErrorEndOfStream) {
+      if (length < 0) return 0;
+      return x.fail(HttpRequestProtocolError, "body from " + x.peer + " truncated at " + std::to_string(delivered) +
+                                                  " of " + std::to_string(size) + " bytes");
+    }
+    if (error != AbstractCancellableClient::ErrorNone) return x.BodyStalled(error);
+    delivery = deliver(block.data(), got);
+    if (delivery != 0) return delivery;
+  }
+  return 0;
+}
+
 bool HasToken(const StringPairList& headers, const char* name, const char* token) {
   std::vector<std::string> values;
   headers.ValueList(name, values, true);
@@ -616,6 +730,10 @@ const char* HttpRequestErrorName(int code) {
       return "redirect";
     case HttpRequestInvalid:
       return "invalid";
+    case HttpRequestAborted:
+      return "aborted";
+    case HttpRequestFileError:
+      return "file";
     default:
       return "failed";
   }
@@ -640,12 +758,25 @@ int PerformHttpRequest(const std::string& method, const std::string& url,
                        HttpResponse* response) {
   // Nothing else can reach this thread's client, so no cancel can be pending in it.
   ThreadHttpClient client;
-  return PerformHttpRequest(&client.Get(), method, url, params, output, response);
+  return PerformHttpRequest(&client.Get(), method, url, params, nullptr, HttpBodySink(), output, response);
+}
+
+int PerformHttpRequest(const std::string& method, const std::string& url, const HttpRequestParams& params,
+                       HttpBodySource* source, const HttpBodySink& sink, std::string* output,
+                       HttpResponse* response) {
+  ThreadHttpClient client;
+  return PerformHttpRequest(&client.Get(), method, url, params, source, sink, output, response);
 }
 
 int PerformHttpRequest(BaseSocketClient* client, const std::string& method, const std::string& url,
                        const HttpRequestParams& params, std::string* output,
                        HttpResponse* response) {
+  return PerformHttpRequest(client, method, url, params, nullptr, HttpBodySink(), output, response);
+}
+
+int PerformHttpRequest(BaseSocketClient* client, const std::string& method, const std::string& url,
+                       const HttpRequestParams& params, HttpBodySource* source, const HttpBodySink& sink,
+                       std::string* output, HttpResponse* response) {
   std::string localOutput;
   HttpResponse localResponse;
   if (output == nullptr) output = &localOutput;
@@ -670,6 +801,9 @@ int PerformHttpRequest(BaseSocketClient* client, const std::string& method, cons
   Hop hop;
   hop.method = method;
   hop.body = &body;
+  hop.source = source;
+  // The source's body went out once; sending it again needs a rewind.
+  bool sourceSent = false;
   std::string digestAuthorization;
   bool digestTried = false;
   int redirects = 0;
@@ -711,19 +845,27 @@ int PerformHttpRequest(BaseSocketClient* client, const std::string& method, cons
       const int connected = ConnectHop(client, target, params, deadline, fail, &hop.absoluteForm);
       if (connected != 0) return connected;
     }
+    if (hop.source != nullptr && sourceSent && (!hop.source->rewind || !hop.source->rewind())) {
+      return fail(HttpRequestAborted, "body source for " + target.hostPort + " cannot start over");
+    }
     // Sent twice at most, and only what may be sent twice.
-    const bool mayRetry = reused && IsIdempotent(hop.method);
+    const bool mayRetry = reused && IsIdempotent(hop.method) && (hop.source == nullptr || hop.source->rewind);
     std::string head;
     if (!BuildRequestHead(hop, target, params, &head)) {
       return fail(HttpRequestInvalid, "a request header for " + target.hostPort +
                                           " holds CR, LF or NUL, or a header name is empty or holds a colon");
     }
     const Exchange exchange{client, deadline, fail, target.hostPort, params.timeoutMs};
-    const bool inlineBody = body.size() <= kInlineBodyBytes;
+    const bool inlineBody = hop.source == nullptr && body.size() <= kInlineBodyBytes;
     if (inlineBody) head += body;
     Error_t error = SendAll(client, head.data(), head.size(), nullptr, deadline.LeftMs());
-    if (error == AbstractCancellableClient::ErrorNone && !inlineBody) {
+    if (error == AbstractCancellableClient::ErrorNone && !inlineBody && hop.source == nullptr) {
       error = SendAll(client, body.data(), body.size(), nullptr, deadline.LeftMs());
+    }
+    if (error == AbstractCancellableClient::ErrorNone && hop.source != nullptr) {
+      sourceSent = true;
+      const int sent = SendSourceBody(exchange, hop.source);
+      if (sent != 0) return sent;
     }
     const bool broken = error == AbstractCancellableClient::ErrorFailed || error == AbstractCancellableClient::ErrorEndOfStream;
     if (broken && mayRetry) {
@@ -763,17 +905,23 @@ int PerformHttpRequest(BaseSocketClient* client, const std::string& method, cons
         return fail(HttpRequestRedirectRefused, target.hostPort + " redirected from https to http (" +
                                                     next.hostPort + ") with credentials in the request");
       }
-      ++redirects;
-      if (status == 303 || ((status == 301 || status == 302) && hop.method == "POST")) {
-        if (hop.method != "HEAD") hop.method = "GET";
-        body.clear();
+      const bool dropsBody = status == 303 || ((status == 301 || status == 302) && hop.method == "POST");
+      const bool stuck = !dropsBody && hop.source != nullptr && !hop.source->rewind;
+      if (!stuck) {
+        ++redirects;
+        if (dropsBody) {
+          if (hop.method != "HEAD") hop.method = "GET";
+          body.clear();
+          hop.source = nullptr;
+        }
+        target = next;
+        digestAuthorization.clear();
+        continue;
       }
-      target = next;
-      digestAuthorization.clear();
-      continue;
     }
 
-    if (status == 401 && !digestTried && (ownCredentials || originCredentials)) {
+    const bool canResend = hop.source == nullptr || hop.source->rewind;
+    if (status == 401 && !digestTried && canResend && (ownCredentials || originCredentials)) {
       std::vector<std::string> challenges;
       response->Headers.ValueList("WWW-Authenticate", challenges, true);
       digest_auth::Challenge challenge;
@@ -791,7 +939,8 @@ int PerformHttpRequest(BaseSocketClient* client, const std::string& method, cons
     const bool hasBody = HasBody(hop.method, status);
     const bool bodyToEnd = hasBody && !IsChunked(*response) && ContentLength(*response) == -1;
     if (hasBody) {
-      const int bodyResult = ReadBody(exchange, *response, params.maxBodyBytes, &pending, output);
+      const int bodyResult = sink ? StreamBody(exchange, *response, params.maxBodyBytes, &pending, sink)
+                                  : ReadBody(exchange, *response, params.maxBodyBytes, &pending, output);
       if (bodyResult != 0) {
         output->clear();
         return bodyResult;

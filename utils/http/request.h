@@ -5,6 +5,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -36,6 +38,8 @@ enum HttpRequestError : int {
   HttpRequestBadUrl = -10,       // not an http or https URL, or malformed
   HttpRequestRedirectRefused = -11,  // a redirect that would expose credentials
   HttpRequestInvalid = -12,      // a method, header or credential unfit for a request head
+  HttpRequestAborted = -13,      // the body sink or source stopped the transfer
+  HttpRequestFileError = -14,    // a body file could not be read, written or put in place
 };
 
 // The class's one-word name ("timeout", "dns", ...), as scripts see it;
@@ -92,6 +96,33 @@ struct HttpRequestParams {
 int PerformHttpRequest(const std::string& method, const std::string& url,
                        const HttpRequestParams& params, std::string* output,
                        HttpResponse* response);
+
+// Takes each piece of a response body as it arrives, in order; false stops
+// the request (HttpRequestAborted).
+using HttpBodySink = std::function<bool(const char* data, size_t size)>;
+
+// Supplies a request body in pieces instead of HttpRequestParams::body.
+struct HttpBodySource {
+  // Fills [buffer, buffer + size) with up to size bytes and stores the count
+  // in *got; 0 marks the end. False stops the request (HttpRequestAborted).
+  std::function<bool(char* buffer, size_t size, size_t* got)> read;
+  // Sent as Content-Length when known; -1 sends the body chunked.
+  int64_t size = -1;
+  // Starts the body over for a second send (a 307 or 308 redirect, a Digest
+  // challenge, a retry on a new connection). Without it the body goes out
+  // once: a redirect or challenge that needs it again is returned as it is.
+  std::function<bool()> rewind;
+};
+
+// Streaming forms: the body comes from source when it is not null, and goes
+// to sink when it is set (the caller's memory then never holds it whole;
+// params.maxBodyBytes still caps it). Otherwise as above.
+int PerformHttpRequest(const std::string& method, const std::string& url, const HttpRequestParams& params,
+                       HttpBodySource* source, const HttpBodySink& sink, std::string* output,
+                       HttpResponse* response);
+int PerformHttpRequest(BaseSocketClient* client, const std::string& method, const std::string& url,
+                       const HttpRequestParams& params, HttpBodySource* source, const HttpBodySink& sink,
+                       std::string* output, HttpResponse* response);
 
 // The same on a client the caller owns, so that another thread may Cancel it
 // (the call then returns HttpRequestCanceled). The client must not be
