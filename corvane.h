@@ -20,6 +20,7 @@
 #include "utils/http/digest_auth.h"
 #include "utils/http/framing.h"
 #include "utils/http/request.h"
+#include "utils/http/request_batch.h"
 #include "utils/http/response.h"
 #include "utils/json_check.h"
 #include "utils/json_storage.h"

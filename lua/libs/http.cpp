@@ -21,6 +21,7 @@
 #include "lua/wrap_func.h"
 #include "utils/http/body_files.h"
 #include "utils/http/request.h"
+#include "utils/http/request_batch.h"
 #include "utils/net/base_socket_client.h"
 #include "utils/net_proxy_info.h"
 #include "utils/time.h"
@@ -136,11 +137,8 @@ std::string PathField(const Rt& rt, int table, const char* name) {
   return path;
 }
 
-void ReadOptions(const Rt& rt, const Args& args, Request* request) {
-  rt->CheckArgsCount(args, 1);
-  if (args[0]->Type() != LUA_TTABLE) rt->Error("Invalid param");
+void ReadOptionsTable(const Rt& rt, int table, Request* request) {
   lua_State* L = rt->State();
-  const int table = args[0]->StackIndex();
   request->method = StringField(rt, table, "method", "");
   request->url = StringField(rt, table, "url", "");
   utils::HttpRequestParams& params = request->params;
@@ -173,6 +171,12 @@ void ReadOptions(const Rt& rt, const Args& args, Request* request) {
   rt->EnsureFreeStackSlots(10);
   if (lua_getfield(L, table, "options") == LUA_TTABLE) ReadHeaders(rt, lua_gettop(L), &params.headers);
   if (lua_getfield(L, table, "proxy") == LUA_TTABLE) ReadProxy(rt, lua_gettop(L), &params.proxy);
+}
+
+void ReadOptions(const Rt& rt, const Args& args, Request* request) {
+  rt->CheckArgsCount(args, 1);
+  if (args[0]->Type() != LUA_TTABLE) rt->Error("Invalid param");
+  ReadOptionsTable(rt, args[0]->StackIndex(), request);
 }
 
 // Walks the head back to front, so a repeated header becomes an array in the
@@ -244,6 +248,8 @@ class BodyFiles {
   std::unique_ptr<utils::HttpFileSink> output_;
 };
 
+void PushResult(lua_State* L, int code, const utils::HttpResponse& response, const std::string& output);
+
 // How a failed request is answered: false alone, or nil and "class: detail".
 enum class FailureResult { kFalse, kNilAndMessage };
 
@@ -294,7 +300,100 @@ int Perform(Rt& rt, const Request& request, const char* functionName,
     return 1;
   }
   if (failure == FailureResult::kFalse) lua_pushboolean(L, 1);
-  lua_createtable(L, 0, 5);
+  PushResult(L, code, response, output);
+  if (failure == FailureResult::kFalse) return 2;
+  lua_pushinteger(L, timeMs);
+  lua_setfield(L, -2, "timeMs");
+  return 1;
+}
+
+// The results of requestAll: one array element per request, in order.
+int RequestAll(Rt& rt, const Args& args) {
+  if (args.size() != 2) rt->CheckArgsCount(args, 1);
+  if (args[0]->Type() != LUA_TTABLE) rt->Error("Invalid param");
+  lua_State* L = rt->State();
+  long long concurrency = utils::HttpRequestBatch::kDefaultConcurrency;
+  if (args.size() > 1 && args[1]->Type() != LUA_TNIL) {
+    if (args[1]->Type() != LUA_TTABLE) rt->Error("Invalid param");
+    concurrency = IntegerField(rt, args[1]->StackIndex(), "concurrency", concurrency);
+    if (concurrency < 1 || concurrency > static_cast<long long>(utils::HttpRequestBatch::kMaxConcurrency)) {
+      rt->Error("Bad argument: \"concurrency\" must be 1 to " +
+                std::to_string(utils::HttpRequestBatch::kMaxConcurrency));
+    }
+  }
+  const int list = args[0]->StackIndex();
+  const size_t count = lua_rawlen(L, list);
+  std::vector<Request> requests(count);
+  std::vector<std::unique_ptr<BodyFiles>> files(count);
+  {
+    RunTime::StackCleaner cleaner(rt);
+    rt->EnsureFreeStackSlots(10);
+    for (size_t i = 0; i < count; ++i) {
+      if (lua_rawgeti(L, list, static_cast<lua_Integer>(i + 1)) != LUA_TTABLE) {
+        rt->Error("Bad argument: element " + std::to_string(i + 1) + " must be a table");
+      }
+      ReadOptionsTable(rt, lua_gettop(L), &requests[i]);
+      lua_pop(L, 1);
+      if (requests[i].method.empty()) requests[i].method = "GET";
+    }
+  }
+  utils::HttpRequestBatch batch(static_cast<size_t>(concurrency));
+  std::vector<utils::HttpBatchResult> results(count);
+  bool cancelled = false;
+  {
+    RunTime::CancellableWait wait(L, [&batch] { batch.Cancel(); });
+    // A request whose file cannot be used fails before anything is sent and
+    // stays out of the batch.
+    std::vector<utils::HttpBatchRequest> batchRequests;
+    std::vector<size_t> positions;
+    for (size_t i = 0; i < count; ++i) {
+      files[i].reset(new BodyFiles());
+      if (!files[i]->Open(requests[i], &results[i].response)) {
+        results[i].code = utils::HttpRequestFileError;
+        continue;
+      }
+      batchRequests.emplace_back();
+      utils::HttpBatchRequest& request = batchRequests.back();
+      request.method = requests[i].method;
+      request.url = requests[i].url;
+      request.params = requests[i].params;
+      request.source = files[i]->Source();
+      request.sink = files[i]->Sink();
+      positions.push_back(i);
+    }
+    if (wait.Cancelled()) batch.Cancel();
+    std::vector<utils::HttpBatchResult> done = batch.Run(batchRequests);
+    for (size_t j = 0; j < positions.size(); ++j) {
+      const size_t i = positions[j];
+      results[i] = std::move(done[j]);
+      results[i].code = files[i]->Finish(results[i].code, &results[i].response);
+    }
+    cancelled = wait.Cancelled();
+  }
+  if (cancelled) rt->Error("http.requestAll: canceled by the host");
+  rt->EnsureFreeStackSlots(10);
+  lua_createtable(L, static_cast<int>(std::min<size_t>(count, INT_MAX)), 0);
+  for (size_t i = 0; i < count; ++i) {
+    const utils::HttpBatchResult& result = results[i];
+    if (result.code < 1) {
+      lua_createtable(L, 0, 2);
+      const std::string message =
+          std::string(utils::HttpRequestErrorName(result.code)) + ": " + result.response.ErrorText();
+      lua_pushlstring(L, message.data(), message.size());
+      lua_setfield(L, -2, "error");
+    } else {
+      PushResult(L, result.code, result.response, result.body);
+    }
+    lua_pushinteger(L, result.timeMs);
+    lua_setfield(L, -2, "timeMs");
+    lua_rawseti(L, -2, static_cast<lua_Integer>(i + 1));
+  }
+  return 1;
+}
+
+// Pushes the result table of a response.
+void PushResult(lua_State* L, int code, const utils::HttpResponse& response, const std::string& output) {
+  lua_createtable(L, 0, 6);
   PushHeaders(L, response.Headers);
   lua_setfield(L, -2, "options");
   lua_pushinteger(L, code);
@@ -305,10 +404,6 @@ int Perform(Rt& rt, const Request& request, const char* functionName,
   lua_setfield(L, -2, "httpVersion");
   lua_pushlstring(L, output.data(), output.size());
   lua_setfield(L, -2, "output");
-  if (failure == FailureResult::kFalse) return 2;
-  lua_pushinteger(L, timeMs);
-  lua_setfield(L, -2, "timeMs");
-  return 1;
 }
 
 int PerformRequest(Rt& rt, const Args& args) {
@@ -348,6 +443,7 @@ const luaL_Reg kHttpLib[] = {
     {"get", WrapFunc<&Get>},
     {"post", WrapFunc<&Post>},
     {"request", WrapFunc<&RequestFunction>},
+    {"requestAll", WrapFunc<&RequestAll>},
 };
 
 }  // namespace

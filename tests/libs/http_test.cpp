@@ -2,7 +2,9 @@
 // Python peer, nginx and tinyproxy.
 #include <sys/stat.h>
 
+#include <chrono>
 #include <memory>
+#include <thread>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -190,6 +192,46 @@ TEST_F(HttpLib, FilesCarryBodiesAndReplaceTheirTargetOnlyOnSuccess) {
   EXPECT_EQ(Run("local n = 0 for _ in io.popen('ls " + dir + "'):lines() do n = n + 1 end return n"), "3");
   EXPECT_EQ(Raised("http.get", "{url = 'NGINX/x', outputFile = 'a\\0b'}"),
             "false: Bad argument: \"outputFile\" holds a NUL, CR or LF byte");
+}
+
+TEST_F(HttpLib, RequestAllRunsRequestsSideBySideInOrder) {
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(Run("local list = {}\n"
+                "for i = 1, 200 do list[i] = {url = 'PEER/sleep?200&' .. i} end\n"
+                "local results = http.requestAll(list, {concurrency = 200})\n"
+                "for i = 1, 200 do\n"
+                "  local r = results[i]\n"
+                "  if r.code ~= 200 or r.output ~= tostring(i) or r.timeMs < 200 then return i .. ' ' .. tostring(r.error) end\n"
+                "end\n"
+                "return #results"),
+            "200");
+  // 200 after one another would take 40 s.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
+
+  const std::string closed = "127.0.0.1:" + std::to_string(nettest::FreePort(2));
+  EXPECT_EQ(Run("local r = http.requestAll{{url = 'NGINX/files/1024'}, {url = 'http://" + closed + "/'},\n"
+                "  {url = 'http://no-such-host.invalid/'}, {url = 'PEER/slow-head', timeout = 300},\n"
+                "  {url = 'SECURE/files/1024'}, {url = 'NGINX/files/65536', outputFile = '/nonexistent/x'},\n"
+                "  {method = 'POST', url = 'PEER/echo', input = 'abc'}}\n"
+                "local out = {}\n"
+                "for i, x in ipairs(r) do out[i] = x.error and x.error:match('^%a+') or x.code .. ':' .. #x.output end\n"
+                "return table.concat(out, ',') .. ' ' .. tostring(r[7].output:match('abc$'))"),
+            "200:1024,connect,dns,timeout,tls,file,200:" +
+                Run("return #http.request{method = 'POST', url = 'PEER/echo', input = 'abc'}.output") + " abc");
+  EXPECT_EQ(Raised("http.requestAll", "{{url = 'PEER/echo'}}, {concurrency = 0}"),
+            "false: Bad argument: \"concurrency\" must be 1 to 256");
+  EXPECT_EQ(Raised("http.requestAll", "{'PEER/echo'}"), "false: Bad argument: element 1 must be a table");
+
+  // A host's cancel ends every request at once.
+  std::thread canceller([this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    rt_->Cancel();
+  });
+  const auto cancelStart = std::chrono::steady_clock::now();
+  EXPECT_EQ(Raised("http.requestAll", "{{url = 'PEER/slow-head'}, {url = 'PEER/slow-head'}, {url = 'PEER/sleep?3000&x'}}"),
+            "false: http.requestAll: canceled by the host");
+  EXPECT_LT(std::chrono::steady_clock::now() - cancelStart, std::chrono::milliseconds(2000));
+  canceller.join();
 }
 
 TEST_F(HttpLib, ProxyTableIsHonoured) {
