@@ -33,6 +33,9 @@ constexpr const char* kModule = "utils::http";
 constexpr size_t kHeadReadBytes = 16 * 1024;
 // Reads of bodies of unknown length and chunked bodies.
 constexpr size_t kBodyReadBytes = 256 * 1024;
+// Reads of bodies handed to a sink: small enough that the sink's work on one
+// piece overlaps the arrival of the next.
+constexpr size_t kStreamReadBytes = 64 * 1024;
 // Bodies up to this size go out in the same send as the head.
 constexpr size_t kInlineBodyBytes = 64 * 1024;
 
@@ -580,7 +583,7 @@ int StreamBody(const Exchange& x, const HttpResponse& response, size_t maxBodyBy
       if (result != ChunkedDecoder::kNeedMore) {
         return x.fail(HttpRequestProtocolError, "malformed chunked body from " + x.peer);
       }
-      block.resize(kBodyReadBytes);
+      block.resize(kStreamReadBytes);
       size_t got = 0;
       const Error_t error = x.client->Recv(&block[0], block.size(), &got, x.deadline.LeftMs());
       block.resize(got);
@@ -598,7 +601,7 @@ int StreamBody(const Exchange& x, const HttpResponse& response, size_t maxBodyBy
   int delivery = deliver(pending->data(), first);
   if (delivery != 0) return delivery;
   pending->erase(0, first);
-  block.resize(kBodyReadBytes);
+  block.resize(kStreamReadBytes);
   while (delivered < size) {
     size_t got = 0;
     const size_t want = static_cast<size_t>(std::min<uint64_t>(block.size(), size - delivered));
