@@ -887,8 +887,11 @@ int PerformHttpRequest(BaseSocketClient* client, const std::string& method, cons
     }
     if (headResult != 0) return headResult;
     const int status = response->StatusCode;
-    // By now a TLS 1.3 server's tickets have arrived with the first records.
-    if (target.secure && !client->TlsSessionReused()) pool.StoreSession(sessionKey, client->ResumableTlsSession());
+    // By now a TLS 1.3 server's tickets have arrived with the first records;
+    // the newest one goes in, as a server may take each ticket only once.
+    if (target.secure) {
+      if (tls::SessionPtr session = client->ResumableTlsSession()) pool.StoreSession(sessionKey, std::move(session));
+    }
 
     std::vector<std::string> setCookies;
     response->Headers.ValueList("Set-Cookie", setCookies, true);
