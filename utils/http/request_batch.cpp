@@ -139,12 +139,20 @@ std::vector<HttpBatchResult> HttpRequestBatch::Run(const std::vector<HttpBatchRe
   loop_ = &loop;
   // A Cancel that came before the fibers existed reached none of them.
   if (cancelled_) loop.CancelAll();
-  impl::PollScheduler* previous = impl::SetThreadPollScheduler(&loop);
+  // Whatever way Run ends, the thread's waits go back to poll(2).
+  struct Installed {
+    impl::PollScheduler* previous;
+    ~Installed() { impl::SetThreadPollScheduler(previous); }
+  } installed{impl::SetThreadPollScheduler(&loop)};
   size_t next = 0;
   std::vector<Fiber*> idle;
   for (const auto& fiber : loop.fibers) idle.push_back(fiber.get());
+  // A wait polls at most two descriptors (its own and its client's wake-up
+  // pipe): with room reserved, nothing in the loop allocates or throws while
+  // fibers are parked on their stacks.
   std::vector<pollfd> entries;
-  std::vector<Fiber*> owners;
+  entries.reserve(width * 2);
+  idle.reserve(width);
   for (;;) {
     while (!idle.empty() && next < requests.size()) {
       Fiber* fiber = idle.back();
@@ -162,14 +170,12 @@ std::vector<HttpBatchResult> HttpRequestBatch::Run(const std::vector<HttpBatchRe
     if (idle.size() == loop.fibers.size()) break;  // none waiting, nothing left
 
     entries.clear();
-    owners.clear();
     int64_t nearest = -1;
     for (const auto& fiber : loop.fibers) {
       if (fiber->finished || fiber->entries == nullptr) continue;
       for (unsigned long i = 0; i < fiber->count; ++i) {
         entries.push_back(fiber->entries[i]);
         entries.back().revents = 0;
-        owners.push_back(fiber.get());
       }
       if (fiber->deadlineMs >= 0 && (nearest < 0 || fiber->deadlineMs < nearest)) nearest = fiber->deadlineMs;
     }
@@ -197,7 +203,6 @@ std::vector<HttpBatchResult> HttpRequestBatch::Run(const std::vector<HttpBatchRe
       if (fiber->finished) idle.push_back(fiber.get());
     }
   }
-  impl::SetThreadPollScheduler(previous);
   {
     std::lock_guard<std::mutex> lock(loop.cancelLock);
     loop_ = nullptr;
