@@ -24,6 +24,7 @@
 #include "utils/http/request_batch.h"
 #include "utils/net/base_socket_client.h"
 #include "utils/net_proxy_info.h"
+#include "utils/log.h"
 #include "utils/time.h"
 #include "utils/url.h"
 
@@ -240,6 +241,8 @@ class BodyFiles {
 
  private:
   static bool Refuse(const std::string& why, utils::HttpResponse* response) {
+    // The path came from the script; PathField let no line break through.
+    CORVANE_LOG(zul_log_logger__lua(), zullog::SeverityWarning, "lua::http") << "file: " << why;
     response->SetErrorText(why);
     return false;
   }
