@@ -11,7 +11,12 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
+#include <string>
+#include <vector>
 
+#include "utils/env.h"
+#include "utils/files.h"
 #include "utils/log.h"
 #include "utils/net/internal/openssl_ptr.h"
 #include "utils/net/sockaddr.h"
@@ -94,6 +99,60 @@ int SslTransferStatus(SSL* connection, int result, size_t* done) {
   const int error = SSL_get_error(connection, result);
   ERR_clear_error();
   return Socket::ConvertSslError(error);
+}
+
+// A context costs more to make than a resumed handshake (OpenSSL 3 fetches
+// its algorithms for each) and holds nothing of one connection, so each
+// thread keeps the few it made, under everything that configured them: the
+// logger (it picks the verification callback), the verification settings,
+// the CA environment and the state of the CA file it names.
+std::string ContextKey(zullog::AbstractLogger* logger, bool verify, const tls::CertSettings& settings) {
+  std::string key = std::to_string(reinterpret_cast<uintptr_t>(logger)) + (verify ? "|v|" : "|n|");
+  if (!verify) return key;
+  key += std::to_string(settings.mode) + "|" + settings.pem + "|";
+  std::string caFile;
+  for (const char* name : {"CORVANE_OPENSSL_CA_FILE", "CORVANE_OPENSSL_CA_PATH",
+                           "CORVANE_OPENSSL_SUPPRESS_CA_VERIFICATION", "CORVANE_OPENSSL_STRICT_CA_VERIFICATION"}) {
+    std::string value;
+    GetEnv(name, &value);
+    if (caFile.empty()) caFile = value;
+    key += value + "|";
+  }
+  const FileStatus status = GetStatus(caFile);
+  key += std::to_string(status.mtimeNs) + "|" + std::to_string(status.size) + "|" + std::to_string(status.inode);
+  return key;
+}
+
+class ContextCache {
+ public:
+  // A new reference to the context kept under key, or null.
+  SslCtxPtr Take(const std::string& key) {
+    for (const Entry& entry : entries_) {
+      if (entry.key == key) {
+        SSL_CTX_up_ref(entry.context.get());
+        return SslCtxPtr(entry.context.get());
+      }
+    }
+    return nullptr;
+  }
+  void Keep(const std::string& key, SSL_CTX* context) {
+    if (entries_.size() >= kMaxContexts) entries_.erase(entries_.begin());
+    SSL_CTX_up_ref(context);
+    entries_.push_back(Entry{key, SslCtxPtr(context)});
+  }
+
+ private:
+  static constexpr size_t kMaxContexts = 8;
+  struct Entry {
+    std::string key;
+    SslCtxPtr context;
+  };
+  std::vector<Entry> entries_;
+};
+
+ContextCache& ThreadContexts() {
+  thread_local ContextCache cache;
+  return cache;
 }
 
 }  // namespace
@@ -308,16 +367,21 @@ int Socket::InitializeSecureData(const char* host, bool verify, const tls::CertS
   // Built aside and installed only when complete, so that a failure leaves
   // the socket open-plain without TLS objects.
   auto secure = std::make_unique<SecureData>();
-  CORVANE_LOG(logger_, zullog::SeverityTrace, kModule) << "Create new SSL context";
-  // OpenSSL's defaults for versions, ciphers and options stand.
-  secure->context.reset(SSL_CTX_new(TLS_client_method()));
+  const std::string contextKey = ContextKey(logger_, verify, settings);
+  secure->context = ThreadContexts().Take(contextKey);
   if (secure->context == nullptr) {
-    CORVANE_LOG(logger_, zullog::SeverityError, kModule) << "failed to create OpenSSL context!\n"
-                                                         << GetErrorStackStr(-1, true);
-    return SocketStatusFailed;
-  }
-  if (verify && !ConfigureOpensslCaVerification(secure->context.get(), logger_, settings)) {
-    return SocketStatusFailed;
+    CORVANE_LOG(logger_, zullog::SeverityTrace, kModule) << "Create new SSL context";
+    // OpenSSL's defaults for versions, ciphers and options stand.
+    secure->context.reset(SSL_CTX_new(TLS_client_method()));
+    if (secure->context == nullptr) {
+      CORVANE_LOG(logger_, zullog::SeverityError, kModule) << "failed to create OpenSSL context!\n"
+                                                           << GetErrorStackStr(-1, true);
+      return SocketStatusFailed;
+    }
+    if (verify && !ConfigureOpensslCaVerification(secure->context.get(), logger_, settings)) {
+      return SocketStatusFailed;
+    }
+    ThreadContexts().Keep(contextKey, secure->context.get());
   }
 
   CORVANE_LOG(logger_, zullog::SeverityTrace, kModule) << "Create new SSL handle";
