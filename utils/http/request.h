@@ -1,7 +1,8 @@
-// utils::PerformHttpRequest: one HTTP/1.1 exchange over a fresh connection,
-// with TLS, redirects, Basic and Digest authentication, cookies kept for the
-// call's own hops, HTTP and SOCKS5 proxies, one time-out for everything, and
-// named caps on what the peer may make us store.
+// utils::PerformHttpRequest: one HTTP/1.1 exchange over a kept or new
+// connection, with TLS, redirects, Basic and Digest authentication, cookies
+// kept for the call's own hops, HTTP and SOCKS5 proxies, one time-out for
+// everything, named caps on what the peer may make us store, and bodies
+// held in memory or streamed.
 #pragma once
 
 #include <cstddef>
