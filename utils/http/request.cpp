@@ -281,9 +281,10 @@ int ConnectHop(BaseSocketClient* client, const Target& target, const HttpRequest
                const Deadline& deadline, const Failure& fail, bool* absoluteForm) {
   const unsigned int tlsFlags = params.lenientTls ? kSecureSessionNoVerify : 0;
   const Deadline connectDeadline(params.connectTimeoutMs);
-  const int limitMs = params.connectTimeoutMs >= 0 && (params.timeoutMs < 0 || params.connectTimeoutMs < params.timeoutMs)
-                          ? params.connectTimeoutMs
-                          : params.timeoutMs;
+  // The limit that a time-out of a connection step ran into, for the detail.
+  const bool connectLimitFirst =
+      params.connectTimeoutMs >= 0 && (params.timeoutMs < 0 || params.connectTimeoutMs < params.timeoutMs);
+  const int limitMs = connectLimitFirst ? params.connectTimeoutMs : params.timeoutMs;
   *absoluteForm = false;
   Error_t error;
   const NetProxyInfo& proxy = params.proxy;
@@ -297,7 +298,8 @@ int ConnectHop(BaseSocketClient* client, const Target& target, const HttpRequest
     if (proxy.type == NetProxyTypeHttps) {
       if (target.secure) {
         // The socket carries one TLS session; a second one inside it is not supported.
-        return fail(HttpRequestProxyFailed, "https target " + target.hostPort + " through an https proxy is not supported");
+        return fail(HttpRequestProxyFailed,
+                    "https target " + target.hostPort + " through an https proxy is not supported");
       }
       error = client->InitiateSecureSession(proxy.host.c_str(), StepMs(deadline, connectDeadline), tlsFlags,
                                             tls::CertSettings());
@@ -395,7 +397,8 @@ int ReadResponseHead(const Exchange& x, HttpResponse* response, std::string* pen
                              x.deadline.LeftMs());
     }
     filled += got;
-    const bool ended = error == AbstractCancellableClient::ErrorEndOfStream || error == AbstractCancellableClient::ErrorFailed;
+    const bool ended =
+        error == AbstractCancellableClient::ErrorEndOfStream || error == AbstractCancellableClient::ErrorFailed;
     if (ended && mayBeStale && filled == 0) return kStaleConnection;
     if (error == AbstractCancellableClient::ErrorEndOfStream) {
       return x.fail(HttpRequestProtocolError, x.peer + " closed the connection before a complete response head");
@@ -448,7 +451,9 @@ int ReadChunkedBody(const Exchange& x, size_t maxBodyBytes, std::string* pending
       pending->assign(block, consumed, std::string::npos);
       return 0;
     }
-    if (result == ChunkedDecoder::kMalformed) return x.fail(HttpRequestProtocolError, "malformed chunked body from " + x.peer);
+    if (result == ChunkedDecoder::kMalformed) {
+      return x.fail(HttpRequestProtocolError, "malformed chunked body from " + x.peer);
+    }
     if (result == ChunkedDecoder::kTooLarge) return x.TooLarge(maxBodyBytes);
     block.resize(kBodyReadBytes);
     size_t got = 0;
@@ -885,7 +890,8 @@ int PerformHttpRequest(BaseSocketClient* client, const std::string& method, cons
       const int sent = SendSourceBody(exchange, hop.source);
       if (sent != 0) return sent;
     }
-    const bool broken = error == AbstractCancellableClient::ErrorFailed || error == AbstractCancellableClient::ErrorEndOfStream;
+    const bool broken =
+        error == AbstractCancellableClient::ErrorFailed || error == AbstractCancellableClient::ErrorEndOfStream;
     if (broken && mayRetry) {
       freshConnection = true;
       continue;
