@@ -32,7 +32,11 @@ HttpFileSink::HttpFileSink(const std::string& path) : path_(path) {
   if (fd_ < 0) {
     error_ = ErrorText("cannot create", tempPath_);
     tempPath_.clear();
+    return;
   }
+  // A file that is replaced keeps its permission bits, as with WriteFileAtomically.
+  struct stat status;
+  if (::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) ::fchmod(fd_, status.st_mode & 07777);
 }
 
 HttpFileSink::~HttpFileSink() {

@@ -14,7 +14,7 @@ namespace utils {
 // Writes to a new temporary file in the folder of path; Commit syncs it and
 // renames it over path. Without a successful Commit the temporary file is
 // removed and path is left as it was, so a failed download never leaves a
-// partial file behind.
+// partial file behind. A replaced file keeps its permission bits.
 class HttpFileSink : private Noncopyable {
  public:
   explicit HttpFileSink(const std::string& path);
