@@ -13,6 +13,7 @@
 #include "lua/libs/libs.h"
 #include "lua/object_ref.h"
 #include "lua/runtime.h"
+#include "utils/http/request.h"
 
 namespace {
 
@@ -218,6 +219,14 @@ TEST_F(HttpLib, RequestAllRunsRequestsSideBySideInOrder) {
                 "return table.concat(out, ',') .. ' ' .. tostring(r[7].output:match('abc$'))"),
             "200:1024,connect,dns,timeout,tls,file,200:" +
                 Run("return #http.request{method = 'POST', url = 'PEER/echo', input = 'abc'}.output") + " abc");
+  // Connections come from and go back to the thread's pool.
+  utils::ClearThreadHttpConnections();
+  EXPECT_EQ(Run("local r = http.requestAll({{url = 'PEER/keep'}, {url = 'PEER/keep'}}, {concurrency = 1})\n"
+                "local again = http.request{url = 'PEER/keep'}\n"
+                "local first, last = r[1].output, again.output\n"
+                "return tostring(first:match('^%d+') == last:match('^%d+')) .. ' ' .. first:match('%d+$') ..\n"
+                "  r[2].output:match('%d+$') .. last:match('%d+$')"),
+            "true 123");
   EXPECT_EQ(Raised("http.requestAll", "{{url = 'PEER/echo'}}, {concurrency = 0}"),
             "false: Bad argument: \"concurrency\" must be 1 to 256");
   EXPECT_EQ(Raised("http.requestAll", "{'PEER/echo'}"), "false: Bad argument: element 1 must be a table");
