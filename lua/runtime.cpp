@@ -101,8 +101,17 @@ boost::shared_ptr<RunTime> RunTime::Create(const RunTimeOptions& options) {
   if (rt->state_ == nullptr) throw RunTimeError("Create(): cannot create a Lua state");
   rt->control_.reset(new detatils::CallControl(rt->state_));
   rt->Init();
-  if (options.sandbox) detatils::ApplySandbox(rt->state_);
+  if (options.sandbox) {
+    detatils::ApplySandbox(rt->state_);
+    rt->sandboxed_ = true;
+  }
   return rt;
+}
+
+bool RunTime::IsSandboxed() const {
+  if (!wrapped_) return sandboxed_;
+  const RunTime* owner = Owner(state_);
+  return owner != nullptr && owner->sandboxed_;
 }
 
 detatils::MemoryAccount& RunTime::MemoryOf(void* allocatorUserData) {

@@ -99,6 +99,9 @@ class RunTime : public boost::enable_shared_from_this<RunTime>, private utils::N
 
   lua_State* State() const { return state_; }
   bool IsValid() const { return valid_; }
+  // Made with RunTimeOptions::sandbox; libraries refuse file access then. A
+  // Wrap'd view answers for the runtime that owns the state.
+  bool IsSandboxed() const;
 
   // Stack discipline. Indices follow the Lua C interface; 0 names no slot.
   int StackTopIndex() const { return lua_gettop(state_); }
@@ -268,6 +271,7 @@ class RunTime : public boost::enable_shared_from_this<RunTime>, private utils::N
   std::chrono::milliseconds callTimeout_{0};
   std::uint64_t callInstructions_ = 0;
   int callDepth_ = 0;
+  bool sandboxed_ = false;
 };
 
 // Installs, for its own life, the function that wakes the wait a native

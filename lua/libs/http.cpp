@@ -1,9 +1,12 @@
 // The script library "http": blocking HTTP requests from a table of options,
-// answered with a table of status, head and body. A thin adapter over
+// answered with a table of status, head and body (request: or nil and the
+// failure's class and detail). A thin adapter over
 // utils::PerformHttpRequest; a host thread may cancel a request through
 // lua::RunTime::Cancel.
 #include <algorithm>
 #include <climits>
+#include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -16,9 +19,13 @@
 #include "lua/object_ref.h"
 #include "lua/runtime.h"
 #include "lua/wrap_func.h"
+#include "utils/http/body_files.h"
 #include "utils/http/request.h"
+#include "utils/http/request_batch.h"
 #include "utils/net/base_socket_client.h"
 #include "utils/net_proxy_info.h"
+#include "utils/log.h"
+#include "utils/time.h"
 #include "utils/url.h"
 
 namespace lua {
@@ -117,13 +124,25 @@ struct Request {
   std::string method;
   std::string url;
   utils::HttpRequestParams params;
+  std::string outputFile;
+  std::string inputFile;
 };
 
-void ReadOptions(const Rt& rt, const Args& args, Request* request) {
-  rt->CheckArgsCount(args, 1);
-  if (args[0]->Type() != LUA_TTABLE) rt->Error("Invalid param");
+// A path goes to the file system as a C string: a NUL would cut it short
+// and name another file.
+std::string PathField(const Rt& rt, int table, const char* name) {
+  const std::string path = StringField(rt, table, name, "");
+  if (!path.empty() && rt->IsSandboxed()) {
+    rt->Error(std::string("Bad argument: \"") + name + "\" is not available in the sandbox");
+  }
+  if (path.find_first_of(std::string("\0\r\n", 3)) != std::string::npos) {
+    rt->Error(std::string("Bad argument: \"") + name + "\" holds a NUL, CR or LF byte");
+  }
+  return path;
+}
+
+void ReadOptionsTable(const Rt& rt, int table, Request* request) {
   lua_State* L = rt->State();
-  const int table = args[0]->StackIndex();
   request->method = StringField(rt, table, "method", "");
   request->url = StringField(rt, table, "url", "");
   utils::HttpRequestParams& params = request->params;
@@ -140,10 +159,28 @@ void ReadOptions(const Rt& rt, const Args& args, Request* request) {
   }
   if (!BooleanField(rt, table, "allowRedirect", true)) params.maxRedirects = 0;
   if (BooleanField(rt, table, "frivolousSsl", false)) params.lenientTls = true;
+  params.connectTimeoutMs = ClampToInt(IntegerField(rt, table, "connectTimeout", -1));
+  params.keepAlive = BooleanField(rt, table, "keepAlive", true);
+  const long long maxBodyBytes = IntegerField(rt, table, "maxBodyBytes", -1);
+  if (maxBodyBytes < -1) rt->Error("Bad argument: \"maxBodyBytes\" must not be negative");
+  request->outputFile = PathField(rt, table, "outputFile");
+  request->inputFile = PathField(rt, table, "inputFile");
+  // The host's cap guards memory; a body on its way to a file takes none.
+  if (!request->outputFile.empty()) params.maxBodyBytes = SIZE_MAX;
+  // A script may only lower the host's cap.
+  if (maxBodyBytes >= 0 && static_cast<unsigned long long>(maxBodyBytes) < params.maxBodyBytes) {
+    params.maxBodyBytes = static_cast<size_t>(maxBodyBytes);
+  }
   RunTime::StackCleaner cleaner(rt);
   rt->EnsureFreeStackSlots(10);
   if (lua_getfield(L, table, "options") == LUA_TTABLE) ReadHeaders(rt, lua_gettop(L), &params.headers);
   if (lua_getfield(L, table, "proxy") == LUA_TTABLE) ReadProxy(rt, lua_gettop(L), &params.proxy);
+}
+
+void ReadOptions(const Rt& rt, const Args& args, Request* request) {
+  rt->CheckArgsCount(args, 1);
+  if (args[0]->Type() != LUA_TTABLE) rt->Error("Invalid param");
+  ReadOptionsTable(rt, args[0]->StackIndex(), request);
 }
 
 // Walks the head back to front, so a repeated header becomes an array in the
@@ -175,7 +212,55 @@ void PushHeaders(lua_State* L, const utils::StringPairList& headers) {
   }
 }
 
-int Perform(Rt& rt, const Request& request, const char* functionName) {
+// The files of "outputFile" and "inputFile", for one request.
+class BodyFiles {
+ public:
+  // False, with the reason in the response, when a file cannot be opened.
+  bool Open(const Request& request, utils::HttpResponse* response) {
+    if (!request.inputFile.empty()) {
+      input_.reset(new utils::HttpFileSource(request.inputFile));
+      if (!input_->IsOpen()) return Refuse(input_->Error(), response);
+    }
+    if (!request.outputFile.empty()) {
+      output_.reset(new utils::HttpFileSink(request.outputFile));
+      if (!output_->IsOpen()) return Refuse(output_->Error(), response);
+    }
+    return true;
+  }
+  utils::HttpBodySource* Source() { return input_ ? input_->Source() : nullptr; }
+  utils::HttpBodySink Sink() { return output_ ? output_->Sink() : utils::HttpBodySink(); }
+
+  // Puts a 2xx body in place; any other answer leaves the file as it was.
+  int Finish(int code, utils::HttpResponse* response) {
+    if (output_ == nullptr) return code;
+    if (code == utils::HttpRequestAborted && !output_->Error().empty()) {
+      Refuse(output_->Error(), response);
+      return utils::HttpRequestFileError;
+    }
+    if (code < 200 || code > 299 || output_->Commit()) return code;
+    Refuse(output_->Error(), response);
+    return utils::HttpRequestFileError;
+  }
+
+ private:
+  static bool Refuse(const std::string& why, utils::HttpResponse* response) {
+    // The path came from the script; PathField let no line break through.
+    CORVANE_LOG(zul_log_logger__lua(), zullog::SeverityWarning, "lua::http") << "file: " << why;
+    response->SetErrorText(why);
+    return false;
+  }
+
+  std::unique_ptr<utils::HttpFileSource> input_;
+  std::unique_ptr<utils::HttpFileSink> output_;
+};
+
+void PushResult(lua_State* L, int code, const utils::HttpResponse& response, const std::string& output);
+
+// How a failed request is answered: false alone, or nil and "class: detail".
+enum class FailureResult { kFalse, kNilAndMessage };
+
+int Perform(Rt& rt, const Request& request, const char* functionName,
+            FailureResult failure = FailureResult::kFalse) {
   std::string output;
   utils::HttpResponse response;
   utils::ThreadHttpClient threadClient;
@@ -185,28 +270,136 @@ int Perform(Rt& rt, const Request& request, const char* functionName) {
   bool woken = false;
   std::string interrupted;
   int code;
+  BodyFiles files;
+  const int64_t startMs = utils::GetMonotonicTimeInMs();
   {
     RunTime::CancellableWait wait(rt->State(), [&client, &woken] {
       client.Cancel();
       woken = true;
     });
-    code = wait.Cancelled() ? static_cast<int>(utils::HttpRequestCanceled)
-                            : utils::PerformHttpRequest(&client, request.method, request.url, request.params,
-                                                        &output, &response);
+    if (wait.Cancelled()) {
+      code = utils::HttpRequestCanceled;
+    } else if (!files.Open(request, &response)) {
+      code = utils::HttpRequestFileError;
+    } else {
+      code = utils::PerformHttpRequest(&client, request.method, request.url, request.params, files.Source(),
+                                       files.Sink(), &output, &response);
+      code = files.Finish(code, &response);
+    }
     if (wait.Cancelled()) interrupted = wait.Reason();
   }
+  const long long timeMs = utils::GetMonotonicTimeInMs() - startMs;
   // A wake-up that came too late for the request's waits is still in the
   // client and would cancel the next call.
   if (woken) client.Reset();
   if (!interrupted.empty()) rt->Error(std::string(functionName) + ": " + interrupted);
   lua_State* L = rt->State();
   rt->EnsureFreeStackSlots(10);
+  if (code < 1 && failure == FailureResult::kNilAndMessage) {
+    lua_pushnil(L);
+    const std::string message = std::string(utils::HttpRequestErrorName(code)) + ": " + response.ErrorText();
+    lua_pushlstring(L, message.data(), message.size());
+    return 2;
+  }
   if (code < 1) {
     lua_pushboolean(L, 0);
     return 1;
   }
-  lua_pushboolean(L, 1);
-  lua_createtable(L, 0, 5);
+  if (failure == FailureResult::kFalse) lua_pushboolean(L, 1);
+  PushResult(L, code, response, output);
+  if (failure == FailureResult::kFalse) return 2;
+  lua_pushinteger(L, timeMs);
+  lua_setfield(L, -2, "timeMs");
+  return 1;
+}
+
+// The results of requestAll: one array element per request, in order.
+int RequestAll(Rt& rt, const Args& args) {
+  if (args.size() != 2) rt->CheckArgsCount(args, 1);
+  if (args[0]->Type() != LUA_TTABLE) rt->Error("Invalid param");
+  lua_State* L = rt->State();
+  long long concurrency = utils::HttpRequestBatch::kDefaultConcurrency;
+  if (args.size() > 1 && args[1]->Type() != LUA_TNIL) {
+    if (args[1]->Type() != LUA_TTABLE) rt->Error("Invalid param");
+    concurrency = IntegerField(rt, args[1]->StackIndex(), "concurrency", concurrency);
+    if (concurrency < 1 || concurrency > static_cast<long long>(utils::HttpRequestBatch::kMaxConcurrency)) {
+      rt->Error("Bad argument: \"concurrency\" must be 1 to " +
+                std::to_string(utils::HttpRequestBatch::kMaxConcurrency));
+    }
+  }
+  const int list = args[0]->StackIndex();
+  const size_t count = lua_rawlen(L, list);
+  std::vector<Request> requests(count);
+  std::vector<std::unique_ptr<BodyFiles>> files(count);
+  {
+    RunTime::StackCleaner cleaner(rt);
+    rt->EnsureFreeStackSlots(10);
+    for (size_t i = 0; i < count; ++i) {
+      if (lua_rawgeti(L, list, static_cast<lua_Integer>(i + 1)) != LUA_TTABLE) {
+        rt->Error("Bad argument: element " + std::to_string(i + 1) + " must be a table");
+      }
+      ReadOptionsTable(rt, lua_gettop(L), &requests[i]);
+      lua_pop(L, 1);
+      if (requests[i].method.empty()) requests[i].method = "GET";
+    }
+  }
+  utils::HttpRequestBatch batch(static_cast<size_t>(concurrency));
+  std::vector<utils::HttpBatchResult> results(count);
+  std::string interrupted;
+  {
+    RunTime::CancellableWait wait(L, [&batch] { batch.Cancel(); });
+    // A request whose file cannot be used fails before anything is sent and
+    // stays out of the batch.
+    std::vector<utils::HttpBatchRequest> batchRequests;
+    std::vector<size_t> positions;
+    for (size_t i = 0; i < count; ++i) {
+      files[i].reset(new BodyFiles());
+      if (!files[i]->Open(requests[i], &results[i].response)) {
+        results[i].code = utils::HttpRequestFileError;
+        continue;
+      }
+      batchRequests.emplace_back();
+      utils::HttpBatchRequest& request = batchRequests.back();
+      request.method = requests[i].method;
+      request.url = requests[i].url;
+      request.params = requests[i].params;
+      request.source = files[i]->Source();
+      request.sink = files[i]->Sink();
+      positions.push_back(i);
+    }
+    if (wait.Cancelled()) batch.Cancel();
+    std::vector<utils::HttpBatchResult> done = batch.Run(batchRequests);
+    for (size_t j = 0; j < positions.size(); ++j) {
+      const size_t i = positions[j];
+      results[i] = std::move(done[j]);
+      results[i].code = files[i]->Finish(results[i].code, &results[i].response);
+    }
+    if (wait.Cancelled()) interrupted = wait.Reason();
+  }
+  if (!interrupted.empty()) rt->Error("http.requestAll: " + interrupted);
+  rt->EnsureFreeStackSlots(10);
+  lua_createtable(L, static_cast<int>(std::min<size_t>(count, INT_MAX)), 0);
+  for (size_t i = 0; i < count; ++i) {
+    const utils::HttpBatchResult& result = results[i];
+    if (result.code < 1) {
+      lua_createtable(L, 0, 2);
+      const std::string message =
+          std::string(utils::HttpRequestErrorName(result.code)) + ": " + result.response.ErrorText();
+      lua_pushlstring(L, message.data(), message.size());
+      lua_setfield(L, -2, "error");
+    } else {
+      PushResult(L, result.code, result.response, result.body);
+    }
+    lua_pushinteger(L, result.timeMs);
+    lua_setfield(L, -2, "timeMs");
+    lua_rawseti(L, -2, static_cast<lua_Integer>(i + 1));
+  }
+  return 1;
+}
+
+// Pushes the result table of a response.
+void PushResult(lua_State* L, int code, const utils::HttpResponse& response, const std::string& output) {
+  lua_createtable(L, 0, 6);
   PushHeaders(L, response.Headers);
   lua_setfield(L, -2, "options");
   lua_pushinteger(L, code);
@@ -217,13 +410,21 @@ int Perform(Rt& rt, const Request& request, const char* functionName) {
   lua_setfield(L, -2, "httpVersion");
   lua_pushlstring(L, output.data(), output.size());
   lua_setfield(L, -2, "output");
-  return 2;
 }
 
 int PerformRequest(Rt& rt, const Args& args) {
   Request request;
   ReadOptions(rt, args, &request);
   return Perform(rt, request, "http.performRequest");
+}
+
+// The options of performRequest; the result table alone, or nil and the
+// failure's class and detail, so that a script can tell what went wrong.
+int RequestFunction(Rt& rt, const Args& args) {
+  Request request;
+  ReadOptions(rt, args, &request);
+  if (request.method.empty()) request.method = "GET";
+  return Perform(rt, request, "http.request", FailureResult::kNilAndMessage);
 }
 
 int Get(Rt& rt, const Args& args) {
@@ -247,6 +448,8 @@ const luaL_Reg kHttpLib[] = {
     {"performRequest", WrapFunc<&PerformRequest>},
     {"get", WrapFunc<&Get>},
     {"post", WrapFunc<&Post>},
+    {"request", WrapFunc<&RequestFunction>},
+    {"requestAll", WrapFunc<&RequestAll>},
 };
 
 }  // namespace

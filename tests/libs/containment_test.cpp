@@ -241,6 +241,8 @@ TEST_F(Containment, SandboxLeavesNoWayToFilesTheProcessOrBytecode) {
       "return load(function() return '\\27Lua' end)",
       "return collectgarbage('stop')", "return collectgarbage('setpause', 1000)",
       "return setmetatable({}, {__gc = function() while true do end end})",
+      "return http.get{url = 'http://127.0.0.1:9/', outputFile = '/tmp/x'}",
+      "return http.requestAll{{url = 'http://127.0.0.1:9/', inputFile = '/etc/hostname'}}",
   };
   lua::RunTimeOptions options;
   options.sandbox = true;

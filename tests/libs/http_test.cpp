@@ -1,6 +1,10 @@
 // The http script library through the real runtime, against the scripted
 // Python peer, nginx and tinyproxy.
+#include <sys/stat.h>
+
+#include <chrono>
 #include <memory>
+#include <thread>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -9,6 +13,7 @@
 #include "lua/libs/libs.h"
 #include "lua/object_ref.h"
 #include "lua/runtime.h"
+#include "utils/http/request.h"
 
 namespace {
 
@@ -33,14 +38,18 @@ class HttpLib : public ::testing::Test {
     }
     const int top = rt_->StackTopIndex();
     std::string result;
+    bool raised = false;
     try {
       lua::RunTime::StackCleaner cleaner(rt_);
       auto results = rt_->RunString(code, false);
       result = results.empty() ? "<none>" : results.front()->AsString();
     } catch (const lua::RunTimeError& e) {
       result = e.what();
+      raised = true;
     }
-    EXPECT_EQ(rt_->StackTopIndex(), top);
+    // A call that raised leaves its error value, as the cleaner keeps it.
+    EXPECT_EQ(rt_->StackTopIndex(), top + (raised ? 1 : 0));
+    rt_->PopFromStack(rt_->StackTopIndex() - top);
     return result;
   }
 
@@ -117,18 +126,125 @@ TEST_F(HttpLib, CredentialsNeedAUserName) {
             "digest ok");
 }
 
-TEST_F(HttpLib, TransportFailuresGiveFalseAndBadArgumentsRaise) {
-  const std::string closed = "http://127.0.0.1:" + std::to_string(nettest::FreePort(2)) + "/";
-  EXPECT_EQ(Run("return select('#', http.get{url = '" + closed + "'}) .. tostring(http.get{url = '" + closed + "'})"),
-            "1false");
-  EXPECT_EQ(Run("return http.get{url = 'PEER/slow-head', timeout = 300}"), "false");
-  EXPECT_EQ(Run("return http.get{url = 'SECURE/files/1024'}"), "false");
+// The specified functions answer any failure with false alone; request
+// answers nil and "class: detail".
+TEST_F(HttpLib, FailuresGiveFalseOrNilAndTheirClass) {
+  const std::string closed = "127.0.0.1:" + std::to_string(nettest::FreePort(2));
+  const std::string peer = "127.0.0.1:" + std::to_string(servers_->peer.Port());
+  const struct {
+    std::string options;
+    std::string message;
+  } cases[] = {
+      {"{url = 'http://" + closed + "/'}", "connect: cannot connect to " + closed + ": Connection refused"},
+      {"{url = 'http://no-such-host.invalid/'}", "dns: cannot resolve no-such-host.invalid"},
+      {"{url = 'PEER/slow-head', timeout = 300}", "timeout: no response from " + peer + " within 300 ms"},
+      // A peer that never answers a TLS hello: the connect time-out ends the wait.
+      {"{url = 'https://" + peer + "/', connectTimeout = 200, timeout = 5000}",
+       "timeout: no TLS handshake with " + peer + " within 200 ms"},
+      {"{url = 'SECURE/files/1024'}", "tls: TLS with 127.0.0.1"},
+      {"{url = 'NGINX/files/65536', maxBodyBytes = 1000}", "toolarge: body from 127.0.0.1"},
+      {"{url = 'gopher://x/'}", "badurl: unsupported or malformed URL"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(Run("return select('#', http.get(" + c.options + ")) .. tostring(http.get(" + c.options + "))"),
+              "1false") << c.options;
+    EXPECT_EQ(Run("local r, e = http.request(" + c.options + ") return tostring(r) .. ' ' .. e").substr(0, c.message.size() + 4),
+              "nil " + c.message) << c.options;
+  }
   EXPECT_EQ(Run("local ok, r = http.get{url = 'SECURE/files/1024', frivolousSsl = true} return #r.output"), "1024");
-  EXPECT_EQ(Raised("http.get", "'PEER/echo'"), "false: Invalid param");
-  EXPECT_EQ(Raised("http.get", ""), "false: expected 1 args");
-  EXPECT_EQ(Raised("http.post", "{}, {}"), "false: expected 1 args");
-  EXPECT_EQ(Raised("http.get", "{url = 'PEER/echo', timeout = 'soon'}"),
-            "false: Bad argument: \"timeout\" must be an integer");
+  // No method means GET here; a cap above the host's is the host's.
+  EXPECT_EQ(Run("local t = table.pack(http.request{url = 'NGINX/files/1024', maxBodyBytes = 1 << 40,\n"
+                "  keepAlive = false, connectTimeout = 1000}) return t.n .. t[1].code .. #t[1].output"),
+            "12001024");
+  for (const auto& [arguments, error] : std::initializer_list<std::pair<std::string, std::string>>{
+           {"'PEER/echo'", "Invalid param"},
+           {"", "expected 1 args"},
+           {"{}, {}", "expected 1 args"},
+           {"{url = 'PEER/echo', timeout = 'soon'}", "Bad argument: \"timeout\" must be an integer"},
+           {"{url = 'PEER/echo', keepAlive = 'yes'}", "Bad argument: \"keepAlive\" must be a boolean"},
+           {"{url = 'PEER/echo', maxBodyBytes = -5}", "Bad argument: \"maxBodyBytes\" must not be negative"},
+       }) {
+    for (const char* function : {"http.get", "http.request"}) {
+      EXPECT_EQ(Raised(function, arguments), "false: " + error) << function << arguments;
+    }
+  }
+}
+
+TEST_F(HttpLib, FilesCarryBodiesAndReplaceTheirTargetOnlyOnSuccess) {
+  const std::string dir = servers_->dir.Path() + "/lua-files";
+  mkdir(dir.c_str(), 0755);
+  nettest::WriteFile(dir + "/kept", "old");
+  nettest::WriteFile(dir + "/upload", "file body");
+  const std::string script =
+      "local function read(path) local f = io.open(path, 'rb') local t = f:read('a') f:close() return t end\n"
+      "local r = http.request{url = 'NGINX/files/1000000', outputFile = 'DIR/new'}\n"
+      "local body = read('DIR/new')\n"
+      "local parts = {r.code, #r.output, #body, tostring(body == read('ROOT/www/files/1000000')), math.type(r.timeMs)}\n"
+      "for _, url in ipairs{'PEER/close-mid-body', 'NGINX/nothing'} do\n"
+      "  local ok, res = http.get{url = url, outputFile = 'DIR/kept'}\n"
+      "  parts[#parts + 1] = tostring(ok and res.code) .. ':' .. read('DIR/kept')\n"
+      "end\n"
+      "local up = http.request{method = 'PUT', url = 'PEER/echo', inputFile = 'DIR/upload'}\n"
+      "parts[#parts + 1] = up.output:match('Content%-Length: %d+') .. ':' .. up.output:sub(-9)\n"
+      "local none, err = http.request{url = 'NGINX/files/1024', outputFile = 'DIR/missing/x'}\n"
+      "parts[#parts + 1] = tostring(none) .. ':' .. err:match('^%a+')\n"
+      "return table.concat(parts, ',')";
+  std::string code = script;
+  for (size_t at; (at = code.find("DIR")) != std::string::npos;) code.replace(at, 3, dir);
+  for (size_t at; (at = code.find("ROOT")) != std::string::npos;) code.replace(at, 4, servers_->dir.Path());
+  EXPECT_EQ(Run(code), "200,0,1000000,true,integer,false:old,404:old,Content-Length: 9:file body,nil:file");
+  // Nothing half-written is left beside the targets.
+  EXPECT_EQ(Run("local n = 0 for _ in io.popen('ls " + dir + "'):lines() do n = n + 1 end return n"), "3");
+  EXPECT_EQ(Raised("http.get", "{url = 'NGINX/x', outputFile = 'a\\0b'}"),
+            "false: Bad argument: \"outputFile\" holds a NUL, CR or LF byte");
+}
+
+TEST_F(HttpLib, RequestAllRunsRequestsSideBySideInOrder) {
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(Run("local list = {}\n"
+                "for i = 1, 200 do list[i] = {url = 'PEER/sleep?200&' .. i} end\n"
+                "local results = http.requestAll(list, {concurrency = 200})\n"
+                "for i = 1, 200 do\n"
+                "  local r = results[i]\n"
+                "  if r.code ~= 200 or r.output ~= tostring(i) or r.timeMs < 200 then return i .. ' ' .. tostring(r.error) end\n"
+                "end\n"
+                "return #results"),
+            "200");
+  // 200 after one another would take 40 s.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
+
+  const std::string closed = "127.0.0.1:" + std::to_string(nettest::FreePort(2));
+  EXPECT_EQ(Run("local r = http.requestAll{{url = 'NGINX/files/1024'}, {url = 'http://" + closed + "/'},\n"
+                "  {url = 'http://no-such-host.invalid/'}, {url = 'PEER/slow-head', timeout = 300},\n"
+                "  {url = 'SECURE/files/1024'}, {url = 'NGINX/files/65536', outputFile = '/nonexistent/x'},\n"
+                "  {method = 'POST', url = 'PEER/echo', input = 'abc'}}\n"
+                "local out = {}\n"
+                "for i, x in ipairs(r) do out[i] = x.error and x.error:match('^%a+') or x.code .. ':' .. #x.output end\n"
+                "return table.concat(out, ',') .. ' ' .. tostring(r[7].output:match('abc$'))"),
+            "200:1024,connect,dns,timeout,tls,file,200:" +
+                Run("return #http.request{method = 'POST', url = 'PEER/echo', input = 'abc'}.output") + " abc");
+  // Connections come from and go back to the thread's pool.
+  utils::ClearThreadHttpConnections();
+  EXPECT_EQ(Run("local r = http.requestAll({{url = 'PEER/keep'}, {url = 'PEER/keep'}}, {concurrency = 1})\n"
+                "local again = http.request{url = 'PEER/keep'}\n"
+                "local first, last = r[1].output, again.output\n"
+                "return tostring(first:match('^%d+') == last:match('^%d+')) .. ' ' .. first:match('%d+$') ..\n"
+                "  r[2].output:match('%d+$') .. last:match('%d+$')"),
+            "true 123");
+  EXPECT_EQ(Raised("http.requestAll", "{{url = 'PEER/echo'}}, {concurrency = 0}"),
+            "false: Bad argument: \"concurrency\" must be 1 to 256");
+  EXPECT_EQ(Raised("http.requestAll", "{'PEER/echo'}"), "false: Bad argument: element 1 must be a table");
+
+  // A host's cancel ends every request at once, and the pcall cannot keep the script going.
+  std::thread canceller([this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    rt_->Cancel();
+  });
+  const auto cancelStart = std::chrono::steady_clock::now();
+  EXPECT_EQ(Raised("http.requestAll", "{{url = 'PEER/slow-head'}, {url = 'PEER/slow-head'}, {url = 'PEER/sleep?3000&x'}}"),
+            "interrupted: canceled by the host");
+  EXPECT_LT(std::chrono::steady_clock::now() - cancelStart, std::chrono::milliseconds(2000));
+  canceller.join();
 }
 
 TEST_F(HttpLib, ProxyTableIsHonoured) {

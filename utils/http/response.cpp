@@ -50,6 +50,7 @@ void HttpResponse::Clear() {
   StatusPhrase.clear();
   HttpVersion.clear();
   Headers.Clear();
+  errorText_.clear();
 }
 
 bool ParseHttpResponseHead(const char* begin, const char* end, HttpResponse* response) {

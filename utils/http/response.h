@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 #include "../string_pair_list.h"
 
@@ -16,6 +17,13 @@ struct HttpResponse {
   StringPairList Headers;   // in wire order, names as sent, repeats kept
 
   void Clear();
+  // After a failed request, one line naming the peer and what went wrong;
+  // empty otherwise.
+  const std::string& ErrorText() const { return errorText_; }
+  void SetErrorText(std::string text) { errorText_ = std::move(text); }
+
+ private:
+  std::string errorText_;
 };
 
 // Parses [begin, end), a whole head as ExtractHttpResponseRequestHeader cuts

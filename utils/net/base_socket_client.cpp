@@ -6,7 +6,9 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "utils/log.h"
 #include "utils/net/cancelable_block_operation_point.h"
@@ -87,6 +89,14 @@ struct BaseSocketClient::Impl {
   impl::CancelableBlockOperationPoint point;
   SocketType type;
   const char* module;
+  FailureStage failureStage = FailureNone;
+  std::string failureText;
+
+  Error_t Failed(FailureStage stage, std::string text) {
+    failureStage = stage;
+    failureText = std::move(text);
+    return ErrorFailed;
+  }
 };
 
 BaseSocketClient::Error_t BaseSocketClient::Impl::Connect(const std::string& host,
@@ -100,6 +110,7 @@ BaseSocketClient::Error_t BaseSocketClient::Impl::Connect(const std::string& hos
   hints.ai_family = family;
   hints.ai_socktype = type == SocketTypeDatagram ? SOCK_DGRAM : SOCK_STREAM;
   std::string error;
+  failureStage = FailureNone;
   std::shared_ptr<AddressInfo> addresses;
   switch (impl::ResolveCancellable(point, host, service, &hints, order, timeoutMs, &addresses, &error)) {
     case impl::WaitReady:
@@ -109,16 +120,19 @@ BaseSocketClient::Error_t BaseSocketClient::Impl::Connect(const std::string& hos
     case impl::WaitTimedOut:
       CORVANE_LOG(logger, zullog::SeverityError, module)
           << "Failed to resolve address '" << host << "': no answer within " << timeoutMs << " ms";
+      Failed(FailureResolve, "no answer within " + std::to_string(timeoutMs) + " ms");
       return ErrorTimedOut;
     default:
       CORVANE_LOG(logger, zullog::SeverityError, module)
           << "Failed to resolve address '" << host << "': " << error;
-      return ErrorFailed;
+      return Failed(FailureResolve, error);
   }
+  std::string lastError = "no usable address";
   while (const addrinfo* address = addresses->Next()) {
     impl::Socket candidate(logger);
     if (candidate.Create(address->ai_family, address->ai_socktype, address->ai_protocol, true) !=
         impl::SocketStatusDone) {
+      lastError = std::strerror(errno);
       continue;
     }
     DisableNagle(candidate.Descriptor(), *address);
@@ -127,7 +141,10 @@ BaseSocketClient::Error_t BaseSocketClient::Impl::Connect(const std::string& hos
       // Every address gets the whole time-out anew.
       switch (point.WaitFor(candidate.Descriptor(), impl::OperationConnect, timeoutMs)) {
         case impl::WaitReady:
-          if (candidate.IsError()) continue;
+          if (candidate.IsError()) {
+            lastError = std::strerror(errno);
+            continue;
+          }
           break;
         case impl::WaitCanceled:
           return ErrorCanceled;
@@ -141,12 +158,13 @@ BaseSocketClient::Error_t BaseSocketClient::Impl::Connect(const std::string& hos
           return ErrorFailed;
       }
     } else if (status != impl::SocketStatusDone) {
+      lastError = std::strerror(errno);
       continue;
     }
     socket.Attach(candidate.Detach(), host);
     return ErrorNone;
   }
-  return ErrorFailed;
+  return Failed(FailureConnect, lastError);
 }
 
 BaseSocketClient::BaseSocketClient(SocketType type, zullog::AbstractLogger* logger)
@@ -199,11 +217,17 @@ BaseSocketClient::Error_t BaseSocketClient::InitiateSecureSession(
                                        << ", timeout=" << timeoutMs << ", flags=" << flags;
                                  });
   const bool verify = (flags & kSecureSessionNoVerify) == 0;
+  self.failureStage = FailureNone;
   if (self.socket.InitializeSecureData(host, verify, settings) != impl::SocketStatusDone) {
-    return ErrorFailed;
+    return self.Failed(FailureTls, "no TLS context (are trusted certificates configured?)");
   }
   TraceScope handshake(self.logger, self.module, "InitiateSecureSession::SecureConnect");
-  return self.Drive([&self] { return self.socket.SecureConnect(); }, timeoutMs);
+  const Error_t result = self.Drive([&self] { return self.socket.SecureConnect(); }, timeoutMs);
+  if (result == ErrorFailed || result == ErrorEndOfStream) {
+    const std::string& text = self.socket.LastTlsError();
+    self.Failed(FailureTls, text.empty() ? "handshake failed" : text);
+  }
+  return result;
 }
 
 BaseSocketClient::Error_t BaseSocketClient::InitiateSecureSession(int timeoutMs) {
@@ -230,6 +254,21 @@ BaseSocketClient::Error_t BaseSocketClient::Recv(void* buffer, size_t size, size
       self.Drive([&] { return self.socket.Recv(buffer, size, &count); }, timeoutMs);
   if (received != nullptr && result == ErrorNone) *received = count;
   return result;
+}
+
+BaseSocketClient::Error_t BaseSocketClient::WaitForInput(int timeoutMs) {
+  Impl& self = *impl_;
+  if (self.socket.HasBufferedInput()) return ErrorNone;
+  switch (self.point.WaitFor(self.socket.Descriptor(), impl::OperationRead, timeoutMs)) {
+    case impl::WaitReady:
+      return ErrorNone;
+    case impl::WaitCanceled:
+      return ErrorCanceled;
+    case impl::WaitTimedOut:
+      return ErrorTimedOut;
+    default:
+      return ErrorFailed;
+  }
 }
 
 BaseSocketClient::Error_t BaseSocketClient::Sleep(int ms) {
@@ -259,5 +298,19 @@ void BaseSocketClient::Reset() {
 }
 
 int BaseSocketClient::DetachNativeHandle() { return impl_->socket.Detach(); }
+
+void BaseSocketClient::SwapConnection(impl::Socket* other) { impl_->socket.Swap(*other); }
+
+bool BaseSocketClient::IsIdleAndOpen() const { return impl_->socket.IsIdleAndOpen(); }
+
+void BaseSocketClient::OfferTlsSession(tls::SessionPtr session) { impl_->socket.OfferSession(std::move(session)); }
+
+tls::SessionPtr BaseSocketClient::ResumableTlsSession() const { return impl_->socket.ResumableSession(); }
+
+bool BaseSocketClient::TlsSessionReused() const { return impl_->socket.SessionReused(); }
+
+BaseSocketClient::FailureStage BaseSocketClient::LastFailureStage() const { return impl_->failureStage; }
+
+const std::string& BaseSocketClient::LastFailureText() const { return impl_->failureText; }
 
 }  // namespace utils

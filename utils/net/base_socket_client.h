@@ -14,6 +14,10 @@
 
 namespace utils {
 
+namespace impl {
+class Socket;
+}
+
 // Selects the resolver's socket type and the module name of log records.
 enum SocketType : int {
   SocketTypeStream = 0,    // TCP; "utils::StreamSocket"
@@ -54,12 +58,34 @@ class BaseSocketClient : public AbstractCancellableClient {
   // The time-out applies to each wait, not to the whole call.
   Error_t Send(const void* data, size_t size, size_t* sent, int timeoutMs) override;
   Error_t Recv(void* buffer, size_t size, size_t* received, int timeoutMs) override;
+  // Waits until a Recv would find input (or an end of stream) without
+  // reading any. Saves the read that would only report "would block" when
+  // an answer cannot have arrived yet.
+  Error_t WaitForInput(int timeoutMs);
   Error_t Sleep(int ms) override;
   Error_t Cancel() override;
   Error_t Close() override;
   void Reset() override;
   // Hands the descriptor out (-1 when not connected); the client no longer owns it.
   int DetachNativeHandle();
+
+  // Exchanges the connection (descriptor and TLS state) with a socket held
+  // aside, so that a connection can outlive one request and serve the next.
+  void SwapConnection(impl::Socket* other);
+  // Connected, nothing unread and nothing arrived since the last read.
+  bool IsIdleAndOpen() const;
+  // A session for the next InitiateSecureSession to resume; used once.
+  void OfferTlsSession(tls::SessionPtr session);
+  // The current connection's session, when a later connection may resume it.
+  tls::SessionPtr ResumableTlsSession() const;
+  bool TlsSessionReused() const;
+
+  // Which step the last failed Connect/ConnectEx or InitiateSecureSession
+  // failed in, and why in a few words (the resolver's or the system's message,
+  // or the TLS verification error).
+  enum FailureStage { FailureNone, FailureResolve, FailureConnect, FailureTls };
+  FailureStage LastFailureStage() const;
+  const std::string& LastFailureText() const;
 
  private:
   struct Impl;

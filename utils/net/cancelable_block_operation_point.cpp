@@ -14,6 +14,13 @@ namespace impl {
 
 namespace {
 
+thread_local PollScheduler* threadScheduler = nullptr;
+
+int Poll(pollfd* entries, nfds_t count, int timeoutMs) {
+  return threadScheduler != nullptr ? threadScheduler->Poll(entries, count, timeoutMs)
+                                    : poll(entries, count, timeoutMs);
+}
+
 bool SetNonBlocking(int descriptor) {
   const int flags = fcntl(descriptor, F_GETFL, 0);
   return flags != -1 && fcntl(descriptor, F_SETFL, flags | O_NONBLOCK) != -1;
@@ -33,6 +40,12 @@ PipeByte TakeWakeUpByte(int readEnd) {
 }
 
 }  // namespace
+
+PollScheduler* SetThreadPollScheduler(PollScheduler* scheduler) {
+  PollScheduler* previous = threadScheduler;
+  threadScheduler = scheduler;
+  return previous;
+}
 
 CancelableBlockOperationPoint::CancelableBlockOperationPoint() {
   int ends[2];
@@ -75,7 +88,7 @@ int CancelableBlockOperationPoint::WaitFor(int descriptor, OperationType_t type,
   // One deadline across the polls that EINTR or a stolen wake-up byte interrupt.
   const Deadline deadline(timeoutMs);
   for (;;) {
-    const int ready = poll(entries, 2, deadline.LeftMs());
+    const int ready = Poll(entries, 2, deadline.LeftMs());
     if (ready == 0) return WaitTimedOut;
     if (ready < 0) {
       if (errno != EINTR) return WaitFailed;
@@ -97,7 +110,7 @@ int CancelableBlockOperationPoint::Sleep(int ms) {
   pollfd entry = {readEnd_, POLLIN, 0};
   const Deadline deadline(ms);
   for (;;) {
-    const int ready = poll(&entry, 1, deadline.LeftMs());
+    const int ready = Poll(&entry, 1, deadline.LeftMs());
     if (ready == 0) return 0;
     if (ready < 0) {
       if (errno != EINTR) return 2;

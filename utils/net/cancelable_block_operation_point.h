@@ -6,8 +6,23 @@
 
 #include "../noncopyable.h"
 
+struct pollfd;
+
 namespace utils {
 namespace impl {
+
+// A cooperative scheduler that takes over the waits of the calling thread,
+// so that several clients can wait side by side in one poll loop (see
+// utils::HttpRequestBatch). Poll keeps poll(2)'s contract.
+class PollScheduler {
+ public:
+  virtual ~PollScheduler() = default;
+  virtual int Poll(pollfd* entries, unsigned long count, int timeoutMs) = 0;
+};
+
+// Installs the calling thread's scheduler (null: poll(2) again) and returns
+// the one it replaces.
+PollScheduler* SetThreadPollScheduler(PollScheduler* scheduler);
 
 enum OperationType_t : int {
   OperationRead = 0,     // POLLIN

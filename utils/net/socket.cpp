@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -10,7 +11,12 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
+#include <string>
+#include <vector>
 
+#include "utils/env.h"
+#include "utils/files.h"
 #include "utils/log.h"
 #include "utils/net/internal/openssl_ptr.h"
 #include "utils/net/sockaddr.h"
@@ -95,6 +101,60 @@ int SslTransferStatus(SSL* connection, int result, size_t* done) {
   return Socket::ConvertSslError(error);
 }
 
+// A context costs more to make than a resumed handshake (OpenSSL 3 fetches
+// its algorithms for each) and holds nothing of one connection, so each
+// thread keeps the few it made, under everything that configured them: the
+// logger (it picks the verification callback), the verification settings,
+// the CA environment and the state of the CA file it names.
+std::string ContextKey(zullog::AbstractLogger* logger, bool verify, const tls::CertSettings& settings) {
+  std::string key = std::to_string(reinterpret_cast<uintptr_t>(logger)) + (verify ? "|v|" : "|n|");
+  if (!verify) return key;
+  key += std::to_string(settings.mode) + "|" + settings.pem + "|";
+  std::string caFile;
+  for (const char* name : {"CORVANE_OPENSSL_CA_FILE", "CORVANE_OPENSSL_CA_PATH",
+                           "CORVANE_OPENSSL_SUPPRESS_CA_VERIFICATION", "CORVANE_OPENSSL_STRICT_CA_VERIFICATION"}) {
+    std::string value;
+    GetEnv(name, &value);
+    if (caFile.empty()) caFile = value;
+    key += value + "|";
+  }
+  const FileStatus status = GetStatus(caFile);
+  key += std::to_string(status.mtimeNs) + "|" + std::to_string(status.size) + "|" + std::to_string(status.inode);
+  return key;
+}
+
+class ContextCache {
+ public:
+  // A new reference to the context kept under key, or null.
+  SslCtxPtr Take(const std::string& key) {
+    for (const Entry& entry : entries_) {
+      if (entry.key == key) {
+        SSL_CTX_up_ref(entry.context.get());
+        return SslCtxPtr(entry.context.get());
+      }
+    }
+    return nullptr;
+  }
+  void Keep(const std::string& key, SSL_CTX* context) {
+    if (entries_.size() >= kMaxContexts) entries_.erase(entries_.begin());
+    SSL_CTX_up_ref(context);
+    entries_.push_back(Entry{key, SslCtxPtr(context)});
+  }
+
+ private:
+  static constexpr size_t kMaxContexts = 8;
+  struct Entry {
+    std::string key;
+    SslCtxPtr context;
+  };
+  std::vector<Entry> entries_;
+};
+
+ContextCache& ThreadContexts() {
+  thread_local ContextCache cache;
+  return cache;
+}
+
 }  // namespace
 
 struct Socket::SecureData {
@@ -129,6 +189,50 @@ void Socket::Attach(int descriptor, const std::string& host) {
   Close();
   descriptor_ = descriptor;
   host_ = host;
+}
+
+void Socket::Swap(Socket& other) {
+  std::swap(descriptor_, other.descriptor_);
+  std::swap(send_, other.send_);
+  std::swap(recv_, other.recv_);
+  std::swap(peek_, other.peek_);
+  std::swap(secure_, other.secure_);
+  std::swap(host_, other.host_);
+  std::swap(tlsError_, other.tlsError_);
+  std::swap(offer_, other.offer_);
+  std::swap(verify_, other.verify_);
+}
+
+bool Socket::IsIdleAndOpen() const {
+  if (descriptor_ == -1) return false;
+  if (HasBufferedInput()) return false;
+  // Readable means an end of stream, a reset, or bytes nobody asked for
+  // (a TLS close_notify included): none of them leaves the connection usable.
+  pollfd entry{descriptor_, POLLIN | POLLRDHUP, 0};
+  int ready;
+  do {
+    ready = poll(&entry, 1, 0);
+  } while (ready < 0 && errno == EINTR);
+  return ready == 0;
+}
+
+bool Socket::HasBufferedInput() const {
+  return secure_ != nullptr && SSL_has_pending(secure_->connection.get()) == 1;
+}
+
+tls::SessionPtr Socket::ResumableSession() const {
+  if (secure_ == nullptr) return nullptr;
+  SSL_SESSION* session = SSL_get1_session(secure_->connection.get());
+  if (session == nullptr) return nullptr;
+  if (SSL_SESSION_is_resumable(session) != 1) {
+    SSL_SESSION_free(session);
+    return nullptr;
+  }
+  return tls::SessionPtr(session, SSL_SESSION_free);
+}
+
+bool Socket::SessionReused() const {
+  return secure_ != nullptr && SSL_session_reused(secure_->connection.get()) == 1;
 }
 
 int Socket::Detach() {
@@ -263,16 +367,21 @@ int Socket::InitializeSecureData(const char* host, bool verify, const tls::CertS
   // Built aside and installed only when complete, so that a failure leaves
   // the socket open-plain without TLS objects.
   auto secure = std::make_unique<SecureData>();
-  CORVANE_LOG(logger_, zullog::SeverityTrace, kModule) << "Create new SSL context";
-  // OpenSSL's defaults for versions, ciphers and options stand.
-  secure->context.reset(SSL_CTX_new(TLS_client_method()));
+  const std::string contextKey = ContextKey(logger_, verify, settings);
+  secure->context = ThreadContexts().Take(contextKey);
   if (secure->context == nullptr) {
-    CORVANE_LOG(logger_, zullog::SeverityError, kModule) << "failed to create OpenSSL context!\n"
-                                                         << GetErrorStackStr(-1, true);
-    return SocketStatusFailed;
-  }
-  if (verify && !ConfigureOpensslCaVerification(secure->context.get(), logger_, settings)) {
-    return SocketStatusFailed;
+    CORVANE_LOG(logger_, zullog::SeverityTrace, kModule) << "Create new SSL context";
+    // OpenSSL's defaults for versions, ciphers and options stand.
+    secure->context.reset(SSL_CTX_new(TLS_client_method()));
+    if (secure->context == nullptr) {
+      CORVANE_LOG(logger_, zullog::SeverityError, kModule) << "failed to create OpenSSL context!\n"
+                                                           << GetErrorStackStr(-1, true);
+      return SocketStatusFailed;
+    }
+    if (verify && !ConfigureOpensslCaVerification(secure->context.get(), logger_, settings)) {
+      return SocketStatusFailed;
+    }
+    ThreadContexts().Keep(contextKey, secure->context.get());
   }
 
   CORVANE_LOG(logger_, zullog::SeverityTrace, kModule) << "Create new SSL handle";
@@ -290,6 +399,11 @@ int Socket::InitializeSecureData(const char* host, bool verify, const tls::CertS
   if (host != nullptr && !IsValidIpAddr(host)) {
     SSL_set_tlsext_host_name(secure->connection.get(), host);
   }
+  // A session resumes only on a connection that verifies as the one that
+  // made it did; choosing such a session is the caller's part.
+  const tls::SessionPtr offer = std::move(offer_);
+  offer_.reset();
+  if (offer != nullptr && SSL_set_session(secure->connection.get(), offer.get()) != 1) ERR_clear_error();
   CORVANE_LOG(logger_, zullog::SeverityTrace, kModule) << "Create set descriptor to SSL handle";
   if (SSL_set_fd(secure->connection.get(), descriptor_) != 1) {
     CORVANE_LOG(logger_, zullog::SeverityError, kModule)
@@ -319,8 +433,13 @@ int Socket::SecureConnect() {
       error = SSL_get_error(connection, result);
     }
     if (error == SSL_ERROR_SSL) {
-      CORVANE_LOG(logger_, zullog::SeverityError, kModule)
-          << "TLS handshake failed: " << GetErrorStackStr(-1, false);
+      const std::string stack = GetErrorStackStr(-1, false);
+      CORVANE_LOG(logger_, zullog::SeverityError, kModule) << "TLS handshake failed: " << stack;
+      const long verifyResult = SSL_get_verify_result(connection);
+      tlsError_ = verifyResult != X509_V_OK ? X509_verify_cert_error_string(verifyResult)
+                                            : stack.substr(0, stack.find('\n'));
+    } else if (error == SSL_ERROR_SYSCALL || error == SSL_ERROR_ZERO_RETURN) {
+      tlsError_ = "connection closed during the handshake";
     }
     ERR_clear_error();
     if (error == SSL_ERROR_NONE) break;
@@ -328,8 +447,16 @@ int Socket::SecureConnect() {
     return ConvertSslError(error);
   }
   if (!verify_) return SocketStatusDone;
-  return VerifyOpensslServerCertHostname(connection, host_.c_str(), logger_) ? SocketStatusDone
-                                                                             : SocketStatusFailed;
+  // A resumed session brings no certificate chain to verify: it must have
+  // passed verification when it was made.
+  if (SSL_session_reused(connection) == 1 && (SSL_get_verify_mode(connection) & SSL_VERIFY_PEER) != 0 &&
+      SSL_get_verify_result(connection) != X509_V_OK) {
+    tlsError_ = "resumed session was not verified";
+    return SocketStatusFailed;
+  }
+  if (VerifyOpensslServerCertHostname(connection, host_.c_str(), logger_)) return SocketStatusDone;
+  tlsError_ = "certificate does not match the host name";
+  return SocketStatusFailed;
 }
 
 int Socket::ConvertSslError(int sslError) {

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "tls.h"
 #include "../noncopyable.h"
@@ -40,6 +41,14 @@ class Socket : private Noncopyable {
 
   // Closes what was held, then opens a new descriptor; optionally non-blocking.
   int Create(int domain, int type, int protocol, bool nonBlocking);
+  // Exchanges everything held (descriptor, TLS objects, host) with other.
+  void Swap(Socket& other);
+  // True when the connection is open, nothing arrived on it since the last
+  // read and nothing is buffered: fit to carry a new request. Never waits.
+  bool IsIdleAndOpen() const;
+  // TLS holds decrypted or raw bytes that a read would return without the
+  // descriptor becoming readable.
+  bool HasBufferedInput() const;
   // Closes what was held and takes the descriptor; host serves SNI and the
   // host-name check.
   void Attach(int descriptor, const std::string& host);
@@ -81,6 +90,15 @@ class Socket : private Noncopyable {
   // One handshake step: SocketStatusDone once the handshake (and, with
   // verification, the host-name check) has passed.
   int SecureConnect();
+  // Offered for resumption by the next InitializeSecureData; used once.
+  void OfferSession(tls::SessionPtr session) { offer_ = std::move(session); }
+  // The session of the current TLS connection when it can be resumed (after
+  // a TLS 1.3 handshake, only once a ticket was read); null otherwise.
+  tls::SessionPtr ResumableSession() const;
+  // The last handshake resumed an offered session.
+  bool SessionReused() const;
+  // Why the last SecureConnect failed, in a few words; empty before any failure.
+  const std::string& LastTlsError() const { return tlsError_; }
 
   // Maps an SSL_get_error result onto a SocketStatus.
   static int ConvertSslError(int sslError);
@@ -96,6 +114,8 @@ class Socket : private Noncopyable {
   RecvOperation peek_;
   std::unique_ptr<SecureData> secure_;
   std::string host_;
+  std::string tlsError_;
+  tls::SessionPtr offer_;
   bool verify_ = true;
   zullog::AbstractLogger* logger_;
 };

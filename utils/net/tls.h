@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -13,6 +14,7 @@
 
 struct ssl_st;
 struct ssl_ctx_st;
+struct ssl_session_st;
 
 namespace utils {
 namespace tls {
@@ -33,6 +35,10 @@ struct CertSettings {
   std::string pem;  // certificates and/or CRLs, any number, concatenated
   unsigned int mode = CertModeEnvironmentOnly;  // a CertMode; other values always fail
 };
+
+// A TLS session a later connection to the same server can resume, shared
+// between holders. Null for none.
+using SessionPtr = std::shared_ptr<ssl_session_st>;
 
 }  // namespace tls
 

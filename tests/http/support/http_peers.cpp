@@ -56,7 +56,9 @@ NginxSite::NginxSite(const std::string& directory) {
   std::string extra = "    root " + root + ";\n" +
                             "    location /private/ { auth_basic \"corvane\"; auth_basic_user_file " +
                             directory + "/htpasswd; }\n" +
-                            "    location /moved/ { return 404; }\n";
+                            "    location /moved/ { return 404; }\n" +
+                            "    location = /goto { return 302 $arg_to; }\n" +
+                            "    location = /conn { return 200 \"$connection $connection_requests $ssl_session_reused\"; }\n";
   for (const char* code : {"301", "302", "303", "307", "308"}) {
     extra += std::string("    location = /moved/") + code + " { return " + code + " /files/1024; }\n";
   }

@@ -25,7 +25,9 @@ class PythonPeer {
 
 // nginx serving /files/<n> (n bytes of a repeating pattern, for the sizes in
 // FileSizes), /private/ behind Basic auth (user "bob", password "pw"),
-// /moved/<code> redirecting to /files/1024, on plain HTTP and on HTTPS with a
+// /moved/<code> redirecting to /files/1024, /goto?to=URL redirecting to URL,
+// /conn answering "<connection number> <its request count> <r if the TLS
+// session was resumed, else .>", on plain HTTP and on HTTPS with a
 // certificate for "localhost" only, whose authority is trusted through
 // CORVANE_OPENSSL_CA_FILE.
 class NginxSite {
