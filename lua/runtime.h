@@ -28,6 +28,10 @@ class ObjectRef;
 class TableRef;
 class RunTime;
 
+namespace detatils {
+class HandleAccess;
+}
+
 // Script error, load error, bad stack index, wrong type, stack overflow.
 class RunTimeError : public std::runtime_error {
  public:
@@ -200,6 +204,7 @@ class RunTime : public boost::enable_shared_from_this<RunTime>, private utils::N
   boost::shared_ptr<ObjectRef> GetUpValue(int n);
 
  private:
+  friend class detatils::HandleAccess;
   enum class ChunkKind { File, String };
 
   // The arguments value must already be on the top of the stack.
@@ -219,6 +224,13 @@ class RunTime : public boost::enable_shared_from_this<RunTime>, private utils::N
   bool wrapped_;
   bool valid_;
   lua_State* state_;
+
+  // Handles that the CreateAtStack family hands out again once nobody holds
+  // them (lua/internal/handles.h). They hold this runtime, so the cache is on
+  // only where something breaks that cycle: the handle Create returns, or the
+  // native-call frame that owns a wrapper.
+  std::vector<boost::shared_ptr<ObjectRef>> handleCache_;
+  bool handleCacheOn_ = false;
 
   // Shared with Cancel's thread; guarded by cancelMutex_.
   std::mutex cancelMutex_;
