@@ -141,6 +141,10 @@ TEST_F(JsonLib, RoundTripsKeepKindsAndValues) {
   ExpectAll({
       {"local v = json.decode('[0.1, 3]') return math.type(v[1]), math.type(v[2])", "float | integer"},
       {"return #json.decode('\"a\\\\u0000b\"'), json.decode('null') == json.null", "3 | true"},
+      // Numbers beyond 64-bit integers and beyond doubles, beside the rest.
+      {"local v = json.decode('[100000000000000000000000, -1e400, {\"a\":[1, null, \"\\\\u00e9\"]}]') "
+       "return v[1], math.type(v[1]), v[2], v[3].a[1], v[3].a[2], v[3].a[3]",
+       "1e+23 | float | -inf | 1 | nil | \xC3\xA9"},
       // Long containers are stored in parts; positions must survive that.
       {"local t = {} for i = 1, 10000 do t[i] = (i % 3 == 0) and json.null or i end "
        "local d = json.decode(json.encode(t)) "
