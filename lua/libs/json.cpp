@@ -92,6 +92,8 @@ class ScratchLease {
   ScratchLease(const ScratchLease&) = delete;
   ScratchLease& operator=(const ScratchLease&) = delete;
 
+  // Whether this decode runs inside another one on this thread.
+  bool Nested() const { return own_ != nullptr; }
   DecodeScratch& operator*() const { return *scratch_; }
   DecodeScratch* operator->() const { return scratch_; }
 
@@ -127,7 +129,7 @@ constexpr int kStackMargin = 16;
 class Decoder {
  public:
   // Pushes the helpers it works with (see the members).
-  explicit Decoder(lua_State* L) : L_(L), annotations_(L) {
+  Decoder(lua_State* L, bool nested) : L_(L), annotations_(L, nested) {
     luaL_checkstack(L_, 10, "json.decode");
     // The runtime's string cache is taken out of the registry for the decode:
     // a decode that a finalizer runs meanwhile must not replace the strings
@@ -532,7 +534,7 @@ bool DecodeText(lua_State* L, const char* text, size_t size, std::string* error)
     }
     std::memcpy(input + (wrapped ? 1 : 0), text, size);
     std::memset(input + length, 0, simdjson::SIMDJSON_PADDING);
-    Decoder decoder(L);
+    Decoder decoder(L, scratch.Nested());
     const int helpers = lua_gettop(L);
     simdjson::dom::element root;
     failure = scratch->tree.parse(input, length, false).get(root);
