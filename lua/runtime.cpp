@@ -358,7 +358,7 @@ boost::shared_ptr<ObjectRef> RunTime::ObjectAtStack(int index) {
 boost::shared_ptr<ObjectRef> RunTime::CreateNilAtStack() {
   EnsureFreeStackSlots(10);
   lua_pushnil(state_);
-  return detatils::CachedHandle(*this, lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TNIL);
 }
 
 boost::shared_ptr<TableRef> RunTime::CreateTableAtStack() {
@@ -370,7 +370,7 @@ boost::shared_ptr<TableRef> RunTime::CreateTableAtStack() {
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(bool value) {
   EnsureFreeStackSlots(10);
   lua_pushboolean(state_, value ? 1 : 0);
-  return detatils::CachedHandle(*this, lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TBOOLEAN);
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(int value) {
@@ -380,19 +380,19 @@ boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(int value) {
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(long long value) {
   EnsureFreeStackSlots(10);
   lua_pushinteger(state_, value);
-  return detatils::CachedHandle(*this, lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TNUMBER);
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(double value) {
   EnsureFreeStackSlots(10);
   lua_pushnumber(state_, value);
-  return detatils::CachedHandle(*this, lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TNUMBER);
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(void* value) {
   EnsureFreeStackSlots(10);
   lua_pushlightuserdata(state_, value);
-  return detatils::CachedHandle(*this, lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TLIGHTUSERDATA);
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(const char* value) {
@@ -422,7 +422,7 @@ boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(const ObjectRef* value) {
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(lua_CFunction value) {
   EnsureFreeStackSlots(10);
   lua_pushcfunction(state_, value);
-  return detatils::CachedHandle(*this, lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TFUNCTION);
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(lua_CFunction value,
@@ -435,7 +435,7 @@ boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(lua_CFunction value,
   EnsureFreeStackSlots(static_cast<int>(upvalues.size()) + 1);
   for (const boost::shared_ptr<ObjectRef>& upvalue : upvalues) PushCopy(state_, upvalue.get());
   lua_pushcclosure(state_, value, static_cast<int>(upvalues.size()));
-  return detatils::CachedHandle(*this, lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TFUNCTION);
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(const NativeFunction& value) {
@@ -450,7 +450,7 @@ boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(const NativeFunction& value)
   lua_setfield(state_, -2, "__gc");
   lua_setmetatable(state_, -2);
   lua_pushcclosure(state_, detatils::CallNativeClosure, 1);
-  return detatils::CachedHandle(*this, lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TFUNCTION);
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateResultAtStack(const std::string& value) {

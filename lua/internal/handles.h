@@ -87,11 +87,10 @@ class HandleAccess {
   // that nobody else holds any more, rewritten in place: handing it out costs
   // one count update, and dropping it one, against four (the runtime's count
   // taken and given back, the handle's two) and two pool blocks for a new one.
-  static boost::shared_ptr<ObjectRef> Cached(RunTime& rt, int absIndex) {
-    if (!rt.handleCacheOn_) return Make(rt.shared_from_this(), absIndex);
+  // `type` is the slot's type, which the caller may know without asking.
+  static boost::shared_ptr<ObjectRef> Cached(RunTime& rt, int absIndex, int type) {
+    if (!rt.handleCacheOn_ || type == LUA_TTABLE) return Make(rt.shared_from_this(), absIndex);
     lua_State* L = rt.state_;
-    const int type = lua_type(L, absIndex);
-    if (type == LUA_TTABLE) return Make(rt.shared_from_this(), absIndex);
     std::vector<boost::shared_ptr<ObjectRef>>& cache = rt.handleCache_;
     for (boost::shared_ptr<ObjectRef>& handle : cache) {
       if (handle.unique()) {
@@ -124,7 +123,12 @@ class HandleAccess {
 };
 
 inline boost::shared_ptr<ObjectRef> CachedHandle(RunTime& rt, int absIndex) {
-  return HandleAccess::Cached(rt, absIndex);
+  return HandleAccess::Cached(rt, absIndex, lua_type(rt.State(), absIndex));
+}
+
+// As CachedHandle, for a slot just filled with a value of `type`.
+inline boost::shared_ptr<ObjectRef> CachedHandle(RunTime& rt, int absIndex, int type) {
+  return HandleAccess::Cached(rt, absIndex, type);
 }
 
 inline boost::shared_ptr<ObjectRef> MakeHandle(boost::shared_ptr<RunTime> rt, int absIndex) {
