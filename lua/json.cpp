@@ -375,26 +375,31 @@ int PushAllMetadatas(lua_State* L) {
   return metas;
 }
 
-DeferredAnnotations::DeferredAnnotations(lua_State* L) : L_(L) {
+DeferredAnnotations::DeferredAnnotations(lua_State* L, bool nested) : L_(L) {
   luaL_checkstack(L_, 10, "json annotations");
   const int metas = PushMetadatasAsTheyAre(L_);
   if (metas == 0) return;
+  if (nested) {
+    metas_ = metas;
+    return;
+  }
   lua_pop(L_, 1);
   for (int type = 0; type < 2; ++type) {
     PushDeferredList(L_, type);
     lists_[type] = lua_gettop(L_);
+    counts_[type] = ReadSlot(L_, lists_[type], kCountSlot);
   }
 }
 
-// The slot is taken before the store, which may run the collector and with
-// it a finalizer that decodes too.
 void DeferredAnnotations::Add(int index, int type) {
+  if (metas_ != 0) {
+    Annotate(L_, metas_, index, type);
+    return;
+  }
   const int list = lists_[type];
   if (list == 0) return;
-  const lua_Integer slot = ReadSlot(L_, list, kCountSlot) + 1;
-  WriteSlot(L_, list, kCountSlot, slot);
   lua_pushvalue(L_, index);
-  lua_rawseti(L_, list, slot);
+  lua_rawseti(L_, list, ++counts_[type]);
 }
 
 // The entries of tables that were collected meanwhile are dropped by
@@ -404,7 +409,8 @@ void DeferredAnnotations::Finish() {
   for (int type = 0; type < 2; ++type) {
     const int list = lists_[type];
     if (list == 0) continue;
-    const lua_Integer count = ReadSlot(L_, list, kCountSlot);
+    const lua_Integer count = counts_[type];
+    WriteSlot(L_, list, kCountSlot, count);
     if (count < ReadSlot(L_, list, kCompactSlot)) continue;
     lua_Integer kept = 0;
     for (lua_Integer i = 1; i <= count; ++i) {

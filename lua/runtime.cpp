@@ -64,6 +64,24 @@ std::unordered_set<const RunTime*>& Owners() {
   return *owners;
 }
 
+// The host gets its own reference count over the runtime's: when the last
+// host reference goes, the handle cache lets go of the runtime, which then
+// lives on only as long as the host's handles. (On a failed allocation boost
+// runs the deleter itself.)
+boost::shared_ptr<RunTime> HostReference(boost::shared_ptr<RunTime> rt) {
+  struct DropCacheThenRelease {
+    boost::shared_ptr<RunTime> rt;
+    void operator()(RunTime* runtime) {
+      detatils::HandleAccess::DropCache(*runtime);
+      rt.reset();
+    }
+  };
+  RunTime* runtime = rt.get();
+  boost::shared_ptr<RunTime> hosted(runtime, DropCacheThenRelease{std::move(rt)});
+  detatils::HandleAccess::EnableCache(*runtime);
+  return hosted;
+}
+
 }  // namespace
 
 RunTime::RunTime(lua_State* state, bool wrapped)
@@ -88,7 +106,7 @@ boost::shared_ptr<RunTime> RunTime::Create() {
     throw;
   }
   rt->Init();
-  return rt;
+  return HostReference(std::move(rt));
 }
 
 boost::shared_ptr<RunTime> RunTime::Create(const RunTimeOptions& options) {
@@ -105,7 +123,7 @@ boost::shared_ptr<RunTime> RunTime::Create(const RunTimeOptions& options) {
     detatils::ApplySandbox(rt->state_);
     rt->sandboxed_ = true;
   }
-  return rt;
+  return HostReference(std::move(rt));
 }
 
 bool RunTime::IsSandboxed() const {
@@ -376,17 +394,15 @@ std::vector<boost::shared_ptr<ObjectRef>> RunTime::ExtractRetVals(int base) {
   std::vector<boost::shared_ptr<ObjectRef>> values;
   const int top = lua_gettop(state_);
   if (top <= base) return values;
-  boost::shared_ptr<RunTime> self = shared_from_this();
   values.reserve(static_cast<size_t>(top - base));
-  for (int i = base + 1; i < top; ++i) values.push_back(detatils::MakeHandle(self, i));
-  values.push_back(detatils::MakeHandle(std::move(self), top));  // saves a count round trip
+  for (int i = base + 1; i <= top; ++i) values.push_back(detatils::CachedHandle(*this, i));
   return values;
 }
 
 boost::shared_ptr<ObjectRef> RunTime::GetGlobalObject(const std::string& name) {
   EnsureFreeStackSlots(10);
   lua_getglobal(state_, name.c_str());
-  return detatils::MakeHandle(shared_from_this(), lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_));
 }
 
 void RunTime::SetGlobalObject(const std::string& name, const boost::shared_ptr<ObjectRef>& value) {
@@ -423,13 +439,13 @@ boost::shared_ptr<ObjectRef> RunTime::ObjectAtStack(int index) {
   if (index == 0 || !detatils::IsAcceptableIndex(state_, index) || lua_type(state_, index) == LUA_TNONE) {
     throw RunTimeError("ObjectAtStack(): invalid stack index: " + std::to_string(index));
   }
-  return detatils::MakeHandle(shared_from_this(), lua_absindex(state_, index));
+  return detatils::CachedHandle(*this, lua_absindex(state_, index));
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateNilAtStack() {
   EnsureFreeStackSlots(10);
   lua_pushnil(state_);
-  return detatils::MakeHandle(shared_from_this(), lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TNIL);
 }
 
 boost::shared_ptr<TableRef> RunTime::CreateTableAtStack() {
@@ -441,7 +457,7 @@ boost::shared_ptr<TableRef> RunTime::CreateTableAtStack() {
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(bool value) {
   EnsureFreeStackSlots(10);
   lua_pushboolean(state_, value ? 1 : 0);
-  return detatils::MakeHandle(shared_from_this(), lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TBOOLEAN);
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(int value) {
@@ -451,25 +467,25 @@ boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(int value) {
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(long long value) {
   EnsureFreeStackSlots(10);
   lua_pushinteger(state_, value);
-  return detatils::MakeHandle(shared_from_this(), lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TNUMBER);
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(double value) {
   EnsureFreeStackSlots(10);
   lua_pushnumber(state_, value);
-  return detatils::MakeHandle(shared_from_this(), lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TNUMBER);
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(void* value) {
   EnsureFreeStackSlots(10);
   lua_pushlightuserdata(state_, value);
-  return detatils::MakeHandle(shared_from_this(), lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TLIGHTUSERDATA);
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(const char* value) {
   EnsureFreeStackSlots(10);
   lua_pushstring(state_, value);
-  return detatils::MakeHandle(shared_from_this(), lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_));
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(const std::string& value) {
@@ -487,13 +503,13 @@ boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(const boost::shared_ptr<Tabl
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(const ObjectRef* value) {
   EnsureFreeStackSlots(10);
   PushCopy(state_, value);
-  return detatils::MakeHandle(shared_from_this(), lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_));
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(lua_CFunction value) {
   EnsureFreeStackSlots(10);
   lua_pushcfunction(state_, value);
-  return detatils::MakeHandle(shared_from_this(), lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TFUNCTION);
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(lua_CFunction value,
@@ -506,7 +522,7 @@ boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(lua_CFunction value,
   EnsureFreeStackSlots(static_cast<int>(upvalues.size()) + 1);
   for (const boost::shared_ptr<ObjectRef>& upvalue : upvalues) PushCopy(state_, upvalue.get());
   lua_pushcclosure(state_, value, static_cast<int>(upvalues.size()));
-  return detatils::MakeHandle(shared_from_this(), lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TFUNCTION);
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(const NativeFunction& value) {
@@ -521,7 +537,7 @@ boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(const NativeFunction& value)
   lua_setfield(state_, -2, "__gc");
   lua_setmetatable(state_, -2);
   lua_pushcclosure(state_, detatils::CallNativeClosure, 1);
-  return detatils::MakeHandle(shared_from_this(), lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TFUNCTION);
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateResultAtStack(const std::string& value) {
@@ -532,7 +548,7 @@ boost::shared_ptr<ObjectRef> RunTime::CreateResultAtStack(const std::string& val
   } else {
     lua_pushlstring(state_, value.data(), value.size());
   }
-  return detatils::MakeHandle(shared_from_this(), lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_));
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateResultAtStack(const char* value) {
@@ -547,7 +563,7 @@ boost::shared_ptr<ObjectRef> RunTime::CreateResultAtStack(const boost::shared_pt
     lua_pop(state_, 1);
     lua_pushnil(state_);
   }
-  return detatils::MakeHandle(shared_from_this(), lua_gettop(state_));
+  return detatils::CachedHandle(*this, lua_gettop(state_));
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateResultAtStack(const boost::shared_ptr<TableRef>& value) {

@@ -33,6 +33,7 @@ class RunTime;
 namespace detatils {
 class CallControl;
 struct MemoryAccount;
+class HandleAccess;
 }  // namespace detatils
 
 // How RunTime::Create(const RunTimeOptions&) builds a state for scripts the
@@ -241,6 +242,7 @@ class RunTime : public boost::enable_shared_from_this<RunTime>, private utils::N
   boost::shared_ptr<ObjectRef> GetUpValue(int n);
 
  private:
+  friend class detatils::HandleAccess;
   enum class ChunkKind { File, String };
 
   // The arguments value must already be on the top of the stack.
@@ -272,6 +274,13 @@ class RunTime : public boost::enable_shared_from_this<RunTime>, private utils::N
   std::uint64_t callInstructions_ = 0;
   int callDepth_ = 0;
   bool sandboxed_ = false;
+
+  // Handles that the CreateAtStack family hands out again once nobody holds
+  // them (lua/internal/handles.h). They hold this runtime, so the cache is on
+  // only where something breaks that cycle: the handle Create returns, or the
+  // native-call frame that owns a wrapper.
+  std::vector<boost::shared_ptr<ObjectRef>> handleCache_;
+  bool handleCacheOn_ = false;
 };
 
 // Installs, for its own life, the function that wakes the wait a native

@@ -17,7 +17,18 @@ namespace {
 // one; argument handles are rewritten in place unless a body kept them. This
 // keeps a call free of allocations and of most reference-count traffic.
 struct CallFrame {
+  CallFrame() = default;
+  CallFrame(const CallFrame&) = delete;
+  CallFrame& operator=(const CallFrame&) = delete;
+  ~CallFrame() {
+    if (wrapper) HandleAccess::DropCache(*wrapper);
+  }
+
+  // What the body sees; normally `wrapper`, unless the body assigned to it.
   boost::shared_ptr<RunTime> rt;
+  // The wrapper this level made, with its handle cache on: results that a
+  // body makes through CreateAtStack are handed out again on later calls.
+  boost::shared_ptr<RunTime> wrapper;
   std::vector<boost::shared_ptr<ObjectRef>> args;
   // Handles of earlier calls with more arguments, for later calls with more.
   std::vector<boost::shared_ptr<ObjectRef>> spare;
@@ -74,21 +85,19 @@ class FrameLease {
   ~FrameLease() {
     if (stack_ != nullptr) --stack_->depth;
     frame_->running = nullptr;
-    // A body may assign to its `rt`; only wrappers made here stay in the frame.
-    if (frame_->rt.get() != installed_) frame_->rt.reset();
+    // A body may assign to its `rt`; only the wrapper made here stays in the frame.
+    if (frame_->rt != frame_->wrapper) frame_->rt.reset();
     if (frame_->args.size() > kMaxPooledHandles) frame_->args.resize(kMaxPooledHandles);
   }
   FrameLease(const FrameLease&) = delete;
   FrameLease& operator=(const FrameLease&) = delete;
 
   CallFrame& Frame() { return *frame_; }
-  void Installed(const RunTime* rt) { installed_ = rt; }
 
  private:
   FrameStack* stack_;
   std::unique_ptr<CallFrame> fallback_;
   CallFrame* frame_;
-  const RunTime* installed_ = nullptr;
 };
 
 void PrepareArgs(CallFrame& frame, int count) {
@@ -115,8 +124,14 @@ int Invoke(lua_State* L, const void* running, Call&& call) {
     FrameLease lease;
     CallFrame& frame = lease.Frame();
     frame.running = running;
-    if (!frame.rt || frame.rt->State() != L) frame.rt = RunTime::Wrap(L);
-    lease.Installed(frame.rt.get());
+    if (!frame.wrapper || frame.wrapper->State() != L) {
+      // The old wrapper's cached handles may hold it: drop them first.
+      if (frame.wrapper) HandleAccess::DropCache(*frame.wrapper);
+      frame.rt.reset();
+      frame.wrapper = RunTime::Wrap(L);
+      HandleAccess::EnableCache(*frame.wrapper);
+    }
+    if (frame.rt != frame.wrapper) frame.rt = frame.wrapper;
     PrepareArgs(frame, lua_gettop(L));
     const int n = call(frame.rt, frame.args);
     if (n < 0) luaL_error(L, "Negative results count: %d", n);

@@ -3,7 +3,9 @@
 // in-place reuse of handles on hot paths.
 #pragma once
 
+#include <cstddef>
 #include <utility>
+#include <vector>
 
 #include <boost/shared_ptr.hpp>
 #include <lua.hpp>
@@ -50,6 +52,9 @@ boost::shared_ptr<Handle> NewHandle(boost::shared_ptr<RunTime> rt, int index) {
 
 class HandleAccess {
  public:
+  // Enough for the arguments and results of a call or two.
+  static constexpr size_t kMaxCachedHandles = 8;
+
   // A handle to the slot `absIndex`: a TableRef for a table, else an ObjectRef.
   static boost::shared_ptr<ObjectRef> Make(boost::shared_ptr<RunTime> rt, int absIndex) {
     lua_State* L = rt->State();
@@ -77,6 +82,38 @@ class HandleAccess {
     handle = Make(rt, absIndex);
   }
 
+  // A handle to the slot `absIndex` of `rt` for the CreateAtStack family.
+  // Where the runtime's cache is on, a non-table slot gets a cached handle
+  // that nobody else holds any more, rewritten in place: handing it out costs
+  // one count update, and dropping it one, against four (the runtime's count
+  // taken and given back, the handle's two) and two pool blocks for a new one.
+  // `type` is the slot's type, which the caller may know without asking.
+  static boost::shared_ptr<ObjectRef> Cached(RunTime& rt, int absIndex, int type) {
+    if (!rt.handleCacheOn_ || type == LUA_TTABLE) return Make(rt.shared_from_this(), absIndex);
+    lua_State* L = rt.state_;
+    std::vector<boost::shared_ptr<ObjectRef>>& cache = rt.handleCache_;
+    for (boost::shared_ptr<ObjectRef>& handle : cache) {
+      if (handle.unique()) {
+        Point(*handle, L, type, absIndex);
+        return handle;
+      }
+    }
+    boost::shared_ptr<ObjectRef> handle = Make(rt.shared_from_this(), absIndex);
+    if (cache.size() < kMaxCachedHandles) cache.push_back(handle);
+    return handle;
+  }
+
+  static void EnableCache(RunTime& rt) { rt.handleCacheOn_ = true; }
+
+  // Breaks the cycle between the runtime and its cached handles. The handles
+  // are released after the runtime is done with them, since the last of them
+  // may hold the last reference to it.
+  static void DropCache(RunTime& rt) noexcept {
+    rt.handleCacheOn_ = false;
+    std::vector<boost::shared_ptr<ObjectRef>> handles;
+    handles.swap(rt.handleCache_);
+  }
+
  private:
   static void Point(ObjectRef& handle, lua_State* L, int type, int absIndex) {
     handle.type_ = type;
@@ -84,6 +121,15 @@ class HandleAccess {
     handle.pointer_ = HasIdentity(type) ? lua_topointer(L, absIndex) : nullptr;
   }
 };
+
+inline boost::shared_ptr<ObjectRef> CachedHandle(RunTime& rt, int absIndex) {
+  return HandleAccess::Cached(rt, absIndex, lua_type(rt.State(), absIndex));
+}
+
+// As CachedHandle, for a slot just filled with a value of `type`.
+inline boost::shared_ptr<ObjectRef> CachedHandle(RunTime& rt, int absIndex, int type) {
+  return HandleAccess::Cached(rt, absIndex, type);
+}
 
 inline boost::shared_ptr<ObjectRef> MakeHandle(boost::shared_ptr<RunTime> rt, int absIndex) {
   return HandleAccess::Make(std::move(rt), absIndex);

@@ -34,18 +34,28 @@ void Annotate(lua_State* L, int metas, int index, int type);
 // when somebody reads it: PushAllMetadatas, and scripts indexing it, whose
 // metatable sends them through FlushDeferredAnnotations. A decoded document
 // that nobody asks about is never recorded at all.
+//
+// The decode that fills the lists keeps their counts itself and stores them
+// in Finish. Whatever runs meanwhile on the same thread (a finalizer that the
+// collector starts) must not append to them: a decode nested in another is
+// `nested` and records its tables in the table of metadata directly. A flush
+// meanwhile only empties the entries below the stored count, which leaves
+// the running decode's entries where they are.
 class DeferredAnnotations {
  public:
-  // Pushes the two lists; does nothing when the json library is not open.
-  explicit DeferredAnnotations(lua_State* L);
+  // Pushes the two lists, or with `nested` the table of metadata; does
+  // nothing when the json library is not open.
+  DeferredAnnotations(lua_State* L, bool nested);
   // Lists the table at `index` (absolute) as an object (0) or array (1).
   void Add(int index, int type);
-  // Compacts a list that the collector has thinned out.
+  // Stores the counts, and compacts a list that the collector has thinned out.
   void Finish();
 
  private:
   lua_State* L_;
+  int metas_ = 0;  // only when nested
   int lists_[2] = {0, 0};
+  lua_Integer counts_[2] = {0, 0};
 };
 
 // Moves the deferred annotations into the table of metadata at `metas`.

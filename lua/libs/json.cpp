@@ -1,6 +1,6 @@
 // The json script library: JSON text and files to script values and back,
 // json.null, array and object annotation, and a handle to a file-backed store.
-// Decoding parses with simdjson straight into Lua values; encoding writes
+// Decoding parses with simdjson and builds Lua values from its tree; encoding writes
 // through utils::JsonWriter. Both follow the host conversion's rules: arrays
 // and objects are annotated, null members and elements are left out, and the
 // annotation decides how a table is written back where its keys allow both
@@ -54,9 +54,12 @@ const char kStorageMetatable[] = "corvane.json.storage";
 // up to this size; a larger one is freed with its call.
 constexpr size_t kMaxKeptInputBytes = size_t{1} << 20;
 
-// A parser and a padded copy of the input: simdjson reads up to
+// The parsers and a padded copy of the input: simdjson reads up to
 // SIMDJSON_PADDING bytes past the text, more than a Lua string guarantees.
+// The tree parser serves every decode; the on-demand one only the texts the
+// tree refuses, so it stays unallocated while texts are valid.
 struct DecodeScratch {
+  simdjson::dom::parser tree;
   ondemand::parser parser;
   std::unique_ptr<char[]> input;
   size_t inputCapacity = 0;
@@ -83,13 +86,16 @@ class ScratchLease {
   ~ScratchLease() {
     scratch_->busy = false;
     if (scratch_ == tDecodeScratch.get() &&
-        (scratch_->inputCapacity > kMaxKeptInputBytes || scratch_->parser.capacity() > kMaxKeptInputBytes)) {
+        (scratch_->inputCapacity > kMaxKeptInputBytes || scratch_->parser.capacity() > kMaxKeptInputBytes ||
+         scratch_->tree.capacity() > kMaxKeptInputBytes)) {
       tDecodeScratch.reset();
     }
   }
   ScratchLease(const ScratchLease&) = delete;
   ScratchLease& operator=(const ScratchLease&) = delete;
 
+  // Whether this decode runs inside another one on this thread.
+  bool Nested() const { return own_ != nullptr; }
   DecodeScratch& operator*() const { return *scratch_; }
   DecodeScratch* operator->() const { return scratch_; }
 
@@ -125,7 +131,7 @@ constexpr int kStackMargin = 16;
 class Decoder {
  public:
   // Pushes the helpers it works with (see the members).
-  explicit Decoder(lua_State* L) : L_(L), annotations_(L) {
+  Decoder(lua_State* L, bool nested) : L_(L), annotations_(L, nested) {
     luaL_checkstack(L_, 10, "json.decode");
     // The runtime's string cache is taken out of the registry for the decode:
     // a decode that a finalizer runs meanwhile must not replace the strings
@@ -138,6 +144,32 @@ class Decoder {
       lua_createtable(L_, kStringCacheSize, 0);
     }
     stringCache_ = lua_gettop(L_);
+  }
+
+  // Pushes the value of a parsed tree, whose strings are already unescaped
+  // into one buffer and whose containers know their sizes, so each table is
+  // made at its final size and filled straight away. With `wrapped`, as for
+  // Document. An error leaves the stack to the caller, who falls back to
+  // Document for the cases the tree does not take (integers beyond 64 bits,
+  // numbers beyond the range of a double) and for the error text.
+  simdjson::error_code Tree(simdjson::dom::element root, bool wrapped) {
+    simdjson::error_code error = simdjson::SUCCESS;
+    if (wrapped) {
+      simdjson::dom::array brackets;
+      error = root.get_array().get(brackets);
+      if (!error && brackets.size() != 1) error = simdjson::TAPE_ERROR;
+      if (error) return error;
+      const simdjson::dom::element scalar = *brackets.begin();
+      if (scalar.is_null()) {
+        lua_pushlightuserdata(L_, JsonNullValue());
+      } else {
+        error = TreeValue(scalar, 0);
+      }
+    } else {
+      error = TreeValue(root, 0);
+    }
+    if (!error) Finish();
+    return error;
   }
 
   // Pushes the document's value. With `wrapped`, the text was one scalar put
@@ -158,15 +190,68 @@ class Decoder {
     if (!error && document.current_location().get(location) != simdjson::OUT_OF_BOUNDS) {
       error = simdjson::TRAILING_CONTENT;
     }
-    if (!error) {
-      annotations_.Finish();
-      lua_pushvalue(L_, stringCache_);
-      lua_rawsetp(L_, LUA_REGISTRYINDEX, &kStringCacheKey);
-    }
+    if (!error) Finish();
     return error;
   }
 
  private:
+  void Finish() {
+    annotations_.Finish();
+    lua_pushvalue(L_, stringCache_);
+    lua_rawsetp(L_, LUA_REGISTRYINDEX, &kStringCacheKey);
+  }
+
+  simdjson::error_code TreeValue(simdjson::dom::element value, int depth) {
+    using simdjson::dom::element_type;
+    switch (value.type()) {
+      case element_type::ARRAY: {
+        if (depth >= kMaxJsonDepth || utils::NativeStackLeft() < utils::kNativeStackReserve) {
+          return simdjson::DEPTH_ERROR;
+        }
+        // The count saturates for huge arrays; it is a size hint only.
+        const simdjson::dom::array array = value.get_array().value_unsafe();
+        if (!lua_checkstack(L_, kStackMargin)) return simdjson::DEPTH_ERROR;
+        lua_createtable(L_, static_cast<int>(std::min<size_t>(array.size(), INT32_MAX)), 0);
+        lua_Integer index = 0;
+        for (const simdjson::dom::element element : array) {
+          ++index;
+          if (element.is_null()) continue;  // a hole keeps the positions of the elements after it
+          const simdjson::error_code error = TreeValue(element, depth + 1);
+          if (error) return error;
+          lua_rawseti(L_, -2, index);
+        }
+        annotations_.Add(lua_gettop(L_), JsonAnnotatedArray);
+        return simdjson::SUCCESS;
+      }
+      case element_type::OBJECT: {
+        if (depth >= kMaxJsonDepth || utils::NativeStackLeft() < utils::kNativeStackReserve) {
+          return simdjson::DEPTH_ERROR;
+        }
+        const simdjson::dom::object object = value.get_object().value_unsafe();
+        if (!lua_checkstack(L_, kStackMargin)) return simdjson::DEPTH_ERROR;
+        lua_createtable(L_, 0, static_cast<int>(std::min<size_t>(object.size(), INT32_MAX)));
+        // In their order, so that the last of two equal names wins.
+        for (const simdjson::dom::key_value_pair member : object) {
+          if (member.value.is_null()) continue;
+          PushString(member.key);
+          const simdjson::error_code error = TreeValue(member.value, depth + 1);
+          if (error) return error;
+          lua_rawset(L_, -3);
+        }
+        annotations_.Add(lua_gettop(L_), JsonAnnotatedObject);
+        return simdjson::SUCCESS;
+      }
+      case element_type::STRING: PushString(value.get_string().value_unsafe()); return simdjson::SUCCESS;
+      case element_type::INT64: lua_pushinteger(L_, value.get_int64().value_unsafe()); return simdjson::SUCCESS;
+      case element_type::UINT64:
+        lua_pushnumber(L_, static_cast<lua_Number>(value.get_uint64().value_unsafe()));
+        return simdjson::SUCCESS;
+      case element_type::DOUBLE: lua_pushnumber(L_, value.get_double().value_unsafe()); return simdjson::SUCCESS;
+      case element_type::BOOL: lua_pushboolean(L_, value.get_bool().value_unsafe() ? 1 : 0); return simdjson::SUCCESS;
+      default: return simdjson::TAPE_ERROR;  // null is handled by the container
+    }
+  }
+
   simdjson::error_code Value(ondemand::value& value, ondemand::json_type type, int depth) {
     switch (type) {
       case ondemand::json_type::array: {
@@ -455,9 +540,17 @@ bool DecodeText(lua_State* L, const char* text, size_t size, std::string* error)
     }
     std::memcpy(input + (wrapped ? 1 : 0), text, size);
     std::memset(input + length, 0, simdjson::SIMDJSON_PADDING);
-    ondemand::document document;
-    failure = scratch->parser.iterate(input, length, scratch->inputCapacity).get(document);
-    if (!failure) failure = Decoder(L).Document(document, wrapped);
+    Decoder decoder(L, scratch.Nested());
+    const int helpers = lua_gettop(L);
+    simdjson::dom::element root;
+    failure = scratch->tree.parse(input, length, false).get(root);
+    if (!failure) failure = decoder.Tree(root, wrapped);
+    if (failure) {
+      lua_settop(L, helpers);
+      ondemand::document document;
+      failure = scratch->parser.iterate(input, length, scratch->inputCapacity).get(document);
+      if (!failure) failure = decoder.Document(document, wrapped);
+    }
   }
 
   if (!failure) {

@@ -145,6 +145,10 @@ TEST_F(JsonLib, RoundTripsKeepKindsAndValues) {
   ExpectAll({
       {"local v = json.decode('[0.1, 3]') return math.type(v[1]), math.type(v[2])", "float | integer"},
       {"return #json.decode('\"a\\\\u0000b\"'), json.decode('null') == json.null", "3 | true"},
+      // Numbers beyond 64-bit integers and beyond doubles, beside the rest.
+      {"local v = json.decode('[100000000000000000000000, -1e400, {\"a\":[1, null, \"\\\\u00e9\"]}]') "
+       "return v[1], math.type(v[1]), v[2], v[3].a[1], v[3].a[2], v[3].a[3]",
+       "1e+23 | float | -inf | 1 | nil | \xC3\xA9"},
       // Long containers are stored in parts; positions must survive that.
       {"local t = {} for i = 1, 10000 do t[i] = (i % 3 == 0) and json.null or i end "
        "local d = json.decode(json.encode(t)) "
@@ -231,6 +235,22 @@ TEST_F(JsonLib, DecodedTablesAreAnnotatedForEveryReader) {
        "  collectgarbage() collectgarbage() return collectgarbage('count') end "
        "local first = round() local second = round() return second - first < 1024",
        "true"},
+      // Finalizers that the collector runs in the middle of a decode decode
+      // too and read the table of metadata; neither decode loses a table.
+      {"local text = json.encode((function() local t = {} for i = 1, 3000 do t[i] = {x = {i}} end return t end)()) "
+       "local decoding, during, ok = false, 0, true "
+       "local function arm() setmetatable({}, {__gc = function() "
+       "  local v = json.decode('[{}]') local m = json['_$meta'] "
+       "  ok = ok and m[v].type == 1 and m[v[1]].type == 0 "
+       "  if decoding then during = during + 1 end arm() end}) end "
+       "arm() "
+       "for r = 1, 20 do "
+       "  decoding = true local t = json.decode(text) decoding = false "
+       "  local m = json['_$meta'] "
+       "  for i = 1, #t, 7 do ok = ok and m[t[i]].type == 0 and m[t[i].x].type == 1 end "
+       "end "
+       "return ok, during > 0",
+       "true | true"},
   });
   RunTime::StackCleaner cleaner(rt_);
   const boost::shared_ptr<lua::ObjectRef> decoded = rt_->RunString("return json.decode('[{}]')", false).front();

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -76,6 +77,33 @@ TEST(RunTime, RunFuncCallsAGlobalOrAHandleWithArguments) {
 
   EXPECT_EQ(ThrownText([&] { rt->RunFunc("missing", {}); }), "RunFunc(): expected type: function, got type: nil");
   EXPECT_EQ(ThrownText([&] { rt->RunFunc(args[0], {}); }), "RunFunc(): expected type: function, got type: number");
+}
+
+// Handles are handed out again once dropped; one still held never moves, and
+// the state closes with the last reference, host handles included.
+TEST(RunTime, ReusedHandlesStayPutWhileHeldAndReleaseTheState) {
+  auto rt = RunTime::Create();
+  auto alive = std::make_shared<int>(0);
+  rt->SetGlobalObject("f", rt->CreateAtStack(lua::NativeFunction(
+                               [alive](boost::shared_ptr<RunTime>&, const Handles&) { return 0; })));
+  rt->RunString("function pair(a) return a, a + 1 end", true);
+  std::vector<std::pair<boost::shared_ptr<lua::ObjectRef>, long long>> held;
+  for (int i = 0; i < 40; ++i) {
+    rt->CreateAtStack(-i);  // dropped at once
+    if (i % 2 == 0) held.emplace_back(rt->CreateAtStack(i), i);
+    if (i % 3 == 0) held.emplace_back(rt->RunFunc("pair", {rt->CreateAtStack(i), rt->CreateAtStack("x")}).back(), i + 1);
+  }
+  for (const auto& entry : held) {
+    EXPECT_TRUE(entry.first->IsValid());
+    EXPECT_EQ(entry.first->AsInteger(), entry.second);
+  }
+  auto survivor = held.back().first;
+  held.clear();
+  rt.reset();
+  EXPECT_EQ(alive.use_count(), 2);  // the host's handle keeps the state open
+  EXPECT_EQ(survivor->AsInteger(), 40);
+  survivor.reset();
+  EXPECT_EQ(alive.use_count(), 1);
 }
 
 TEST(RunTime, GlobalsAndPackagePathLeaveTheStackBalanced) {
