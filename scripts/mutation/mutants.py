@@ -195,14 +195,17 @@ MUTANTS = [
      "",
      "json file functions take a path with a NUL byte"),
     # volatile: json decoder rewrite
-    ("libs.json_decode_failure_stack", "lua/libs/json.cpp",
-     "  lua_settop(L, base);\n  size_t offset = 0;",
-     "  size_t offset = 0;",
-     "a failed decode leaves partial values on the stack"),
-    ("libs.cv_poptext_pop", "lua/libs/cv.cpp",
-     "    text.assign(data, size);\n    lua_pop(L, 1);\n  }",
-     "    text.assign(data, size);\n  }",
-     "an option read through tostring leaves its text on the stack"),
+    ("libs.json_decode_trailing", "lua/libs/json.cpp",
+     "    const char* location = nullptr;\n"
+     "    if (!error && document.current_location().get(location) != simdjson::OUT_OF_BOUNDS) {\n"
+     "      error = simdjson::TRAILING_CONTENT;\n"
+     "    }\n",
+     "",
+     "json.decode accepts text after the value (\"[1][2]\")"),
+    ("libs.cv_url_path_pop", "lua/libs/cv.cpp",
+     "    table->Append(CreateBytesAtStack(rt, utils::UrlUnescape(segment)));\n    rt->PopFromStack(1);\n",
+     "    table->Append(CreateBytesAtStack(rt, utils::UrlUnescape(segment)));\n",
+     "parse_url_path leaves each segment on the stack and returns the last one"),
     ("libs.cv_camera_url_mask", "lua/libs/cv.cpp",
      "userInfo = user + \":****\";",
      "userInfo = user + \":\" + password;",
