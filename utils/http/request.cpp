@@ -440,6 +440,19 @@ bool IsChunked(const HttpResponse& response) {
   return !codings.empty() && SameIgnoreCase(TrimString(codings.back()), "chunked");
 }
 
+// The next bytes of a chunked body, up to `size`, in place of *block: 0, or
+// the failure (a body may not end before its last chunk).
+int ReadChunkedPiece(const Exchange& x, size_t size, std::string* block) {
+  block->resize(size);
+  size_t got = 0;
+  const Error_t error = x.client->Recv(&(*block)[0], block->size(), &got, x.deadline.LeftMs());
+  block->resize(got);
+  if (error == AbstractCancellableClient::ErrorEndOfStream) {
+    return x.fail(HttpRequestProtocolError, "chunked body from " + x.peer + " truncated");
+  }
+  return error != AbstractCancellableClient::ErrorNone ? x.BodyStalled(error) : 0;
+}
+
 // Leaves in *pending what came after the body.
 int ReadChunkedBody(const Exchange& x, size_t maxBodyBytes, std::string* pending, std::string* output) {
   ChunkedDecoder decoder(maxBodyBytes);
@@ -455,14 +468,8 @@ int ReadChunkedBody(const Exchange& x, size_t maxBodyBytes, std::string* pending
       return x.fail(HttpRequestProtocolError, "malformed chunked body from " + x.peer);
     }
     if (result == ChunkedDecoder::kTooLarge) return x.TooLarge(maxBodyBytes);
-    block.resize(kBodyReadBytes);
-    size_t got = 0;
-    const Error_t error = x.client->Recv(&block[0], block.size(), &got, x.deadline.LeftMs());
-    block.resize(got);
-    if (error == AbstractCancellableClient::ErrorEndOfStream) {
-      return x.fail(HttpRequestProtocolError, "chunked body from " + x.peer + " truncated");
-    }
-    if (error != AbstractCancellableClient::ErrorNone) return x.BodyStalled(error);
+    const int read = ReadChunkedPiece(x, kBodyReadBytes, &block);
+    if (read != 0) return read;
   }
 }
 
@@ -603,14 +610,8 @@ int StreamBody(const Exchange& x, const HttpResponse& response, size_t maxBodyBy
       if (result != ChunkedDecoder::kNeedMore) {
         return x.fail(HttpRequestProtocolError, "malformed chunked body from " + x.peer);
       }
-      block.resize(kStreamReadBytes);
-      size_t got = 0;
-      const Error_t error = x.client->Recv(&block[0], block.size(), &got, x.deadline.LeftMs());
-      block.resize(got);
-      if (error == AbstractCancellableClient::ErrorEndOfStream) {
-        return x.fail(HttpRequestProtocolError, "chunked body from " + x.peer + " truncated");
-      }
-      if (error != AbstractCancellableClient::ErrorNone) return x.BodyStalled(error);
+      const int read = ReadChunkedPiece(x, kStreamReadBytes, &block);
+      if (read != 0) return read;
     }
   }
   const int64_t length = ContentLength(response);

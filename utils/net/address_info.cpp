@@ -142,6 +142,10 @@ std::shared_ptr<AddressInfo> GetAddressInfo(const std::string& host, const std::
     if (error != nullptr) *error = GAIStrError(code);
     return nullptr;
   }
+  return WrapAddressList(list, order);
+}
+
+std::shared_ptr<AddressInfo> WrapAddressList(addrinfo* list, AddressOrder order) {
   // Freed here unless an AddressInfo has taken it over.
   std::unique_ptr<addrinfo, void (*)(addrinfo*)> owned(list, freeaddrinfo);
   std::shared_ptr<AddressInfo> result;

@@ -109,4 +109,7 @@ std::shared_ptr<AddressInfo> GetAddressInfo(const std::string& host, const std::
                                             const addrinfo* hints, AddressOrder order,
                                             std::string* error);
 
+// Takes over a getaddrinfo list (freed with freeaddrinfo), walked in `order`.
+std::shared_ptr<AddressInfo> WrapAddressList(addrinfo* list, AddressOrder order);
+
 }  // namespace utils

@@ -56,20 +56,6 @@ void RunLookup(const std::shared_ptr<Lookup>& lookup) {
   (void)!write(lookup->pipe[1], &done, 1);
 }
 
-std::shared_ptr<AddressInfo> TakeList(Lookup& lookup, AddressOrder order) {
-  addrinfo* list = lookup.list;
-  lookup.list = nullptr;
-  std::unique_ptr<addrinfo, void (*)(addrinfo*)> owned(list, freeaddrinfo);
-  std::shared_ptr<AddressInfo> info;
-  if (order == AddressOrderNone) {
-    info = std::make_shared<RemoteAddressInfo>(list);
-  } else {
-    info = std::make_shared<OrderedRemoteAddressInfo>(list, order);
-  }
-  owned.release();
-  return info;
-}
-
 }  // namespace
 
 void SetResolveFunctionForTesting(ResolveFunction resolve) {
@@ -116,7 +102,9 @@ int ResolveCancellable(CancelableBlockOperationPoint& point, const std::string& 
     *error = GAIStrError(lookup->code);
     return WaitFailed;
   }
-  *result = TakeList(*lookup, order);
+  addrinfo* list = lookup->list;
+  lookup->list = nullptr;  // owned by the wrapper from here, even if it throws
+  *result = WrapAddressList(list, order);
   return WaitReady;
 }
 
