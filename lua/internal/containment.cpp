@@ -112,26 +112,23 @@ void CallControl::Open(std::chrono::milliseconds timeout, std::uint64_t instruct
   savedMask_ = lua_gethookmask(state_);
   savedCount_ = lua_gethookcount(state_);
   if (budget_ != 0) lua_sethook(state_, &CallControl::Hook, LUA_MASKCOUNT, HookCountFor(budgetLeft_));
-  std::uint64_t id = 0;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    cause_.store(InterruptCause::None, std::memory_order_release);
-    open_ = true;
-    id = ++callId_;
-  }
+  cause_.store(InterruptCause::None, std::memory_order_release);
+  const std::uint64_t id = ++callId_;
+  // An Interrupt racing with the start may see the call or not; either is right.
+  call_.store(2 * id + 1, std::memory_order_release);
   watched_ = timeout_.count() > 0;
   if (watched_) Watchdog::Instance().Add(id, Clock::now() + timeout_, this);
 }
 
 void CallControl::Close() {
-  std::uint64_t id = 0;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    open_ = false;
-    canceller_ = nullptr;
-    id = callId_;
+  call_.store(2 * callId_);
+  // An Interrupt that saw the call open may be arming it: wait for it. One
+  // that comes later finds the call closed (both sides are sequentially
+  // consistent), so a call without interrupts never takes the mutex.
+  if (interrupting_.load() != 0) {
+    std::lock_guard<std::mutex> wait(mutex_);
   }
-  if (watched_) Watchdog::Instance().Remove(id, this);
+  if (watched_) Watchdog::Instance().Remove(callId_, this);
   watched_ = false;
   // No other thread touches the hook once the call is closed.
   if (budget_ != 0 || Cause() != InterruptCause::None || lua_gethook(state_) == &CallControl::Hook) {
@@ -153,18 +150,23 @@ void CallControl::ArmLocked() {
 }
 
 bool CallControl::Interrupt(InterruptCause cause) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (!open_) return false;
-  if (Cause() == InterruptCause::None) {
-    cause_.store(cause, std::memory_order_release);
-    ArmLocked();
-  }
-  return true;
+  interrupting_.fetch_add(1);
+  const std::uint64_t call = call_.load();
+  const bool open = (call & 1) != 0;
+  if (open) InterruptIfStill(call, cause);
+  interrupting_.fetch_sub(1);
+  return open;
 }
 
 void CallControl::InterruptCall(std::uint64_t callId, InterruptCause cause) {
+  interrupting_.fetch_add(1);
+  InterruptIfStill(2 * callId + 1, cause);
+  interrupting_.fetch_sub(1);
+}
+
+void CallControl::InterruptIfStill(std::uint64_t call, InterruptCause cause) {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (!open_ || callId != callId_ || Cause() != InterruptCause::None) return;
+  if (call_.load() != call || Cause() != InterruptCause::None) return;
   cause_.store(cause, std::memory_order_release);
   ArmLocked();
 }
@@ -173,7 +175,7 @@ bool CallControl::InstallCanceller(std::function<void()> canceller) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (Cause() != InterruptCause::None) return false;
   // Outside a call nothing could cancel the wait anyway.
-  if (open_) canceller_ = std::move(canceller);
+  if ((call_.load() & 1) != 0) canceller_ = std::move(canceller);
   return true;
 }
 

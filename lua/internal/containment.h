@@ -33,8 +33,9 @@ struct MemoryAccount {
 void* LimitedAlloc(void* ud, void* ptr, std::size_t osize, std::size_t nsize);
 
 // One per runtime. The script's thread opens and closes calls; Cancel and the
-// watchdog interrupt them from other threads. Everything below the mutex is
-// guarded by it, except `cause`, which the hook reads without it.
+// watchdog interrupt them from other threads. The canceller and the resume
+// chain are guarded by the mutex; `cause_` and `call_` are atomics read
+// without it.
 class CallControl {
  public:
   explicit CallControl(lua_State* state) : state_(state) {}
@@ -67,17 +68,23 @@ class CallControl {
 
  private:
   void ArmLocked();
+  // Arms the interrupt when `call` (see call_) is still the one open.
+  void InterruptIfStill(std::uint64_t call, InterruptCause cause);
 
   lua_State* state_;
   std::atomic<InterruptCause> cause_{InterruptCause::None};
 
+  // 2 * call number, plus 1 while that call is open. Written by the script's
+  // thread only, so opening and closing a call takes no lock.
+  std::atomic<std::uint64_t> call_{0};
+  std::atomic<int> interrupting_{0};
+
   std::mutex mutex_;
-  bool open_ = false;
-  std::uint64_t callId_ = 0;
   std::function<void()> canceller_;
   std::vector<lua_State*> resumed_;
 
   // Script thread only.
+  std::uint64_t callId_ = 0;
   std::chrono::milliseconds timeout_{0};
   std::uint64_t budget_ = 0;
   std::uint64_t budgetLeft_ = 0;
