@@ -131,9 +131,9 @@ MUTANTS = [
      "the Secure attribute is ignored: such cookies go over plain HTTP"),
     # volatile: utils/http/request.cpp rewrite
     ("http.credentials_other_origin", "utils/http/request.cpp",
-     "} else if (ownHost && !user.empty()) {",
-     "} else if (!user.empty()) {",
-     "URL credentials follow a redirect to another host"),
+     "    return secure == other.secure && port == other.port && SameIgnoreCase(host, other.host);",
+     "    return port == other.port && SameIgnoreCase(host, other.host);",
+     "credentials follow a redirect from https to http on the same host and port"),
 
     # ---- lua/ ----
     ("lua.key_text_pop", "lua/json.cpp",
@@ -161,9 +161,9 @@ MUTANTS = [
      "return load(chunk, name, mode, env)",
      "the sandbox's load accepts binary chunks"),
     ("lua.interrupt_stale_call", "lua/internal/containment.cpp",
-     "if (!open_ || callId != callId_ || Cause() != InterruptCause::None) return;",
-     "if (!open_ || callId > callId_ || Cause() != InterruptCause::None) return;",
-     "a deadline left from an earlier call interrupts the next one (> for !=)"),
+     "  const bool open = (call & 1) != 0;",
+     "  const bool open = true;",
+     "Cancel() on an idle runtime claims a call and arms the interrupt"),
     # volatile: lua/runtime.cpp rewrite
     ("lua.pcall_handler_pop", "lua/runtime.cpp",
      "  lua_rotate(state_, handler, -1);\n  lua_pop(state_, 1);\n",
