@@ -132,8 +132,8 @@ MUTANTS = [
     # volatile: utils/http/request.cpp rewrite
     ("http.credentials_other_origin", "utils/http/request.cpp",
      "    return secure == other.secure && port == other.port && SameIgnoreCase(host, other.host);",
-     "    return port == other.port && SameIgnoreCase(host, other.host);",
-     "credentials follow a redirect from https to http on the same host and port"),
+     "    return secure == other.secure && port == other.port;",
+     "credentials follow a redirect to another host on the same port"),
 
     # ---- lua/ ----
     ("lua.key_text_pop", "lua/json.cpp",
