@@ -1,6 +1,7 @@
 // lua::GlobalLib: a handle to one native library in the process-wide registry
-// that every new RunTime opens (as a global and in package.loaded). A library
-// registered after a runtime was created is not in that runtime.
+// that every new RunTime opens (as a global and in package.loaded), in the
+// order the libraries were first registered. A library registered after a
+// runtime was created is not in that runtime.
 //
 // Thread-safe: one mutex guards the registry for every GlobalLib operation and
 // for RunTime::LoadLibs. Init functions run under that mutex, so they must not

@@ -13,6 +13,7 @@
 
 #include "lua/global_lib.h"
 #include "lua/libs/libs.h"
+#include "lua/libs/register.h"
 #include "lua/object_ref.h"
 #include "lua/runtime.h"
 #include "lua/wrap_func.h"
@@ -133,12 +134,8 @@ const luaL_Reg kBase64Lib[] = {
 }  // namespace
 
 void RegisterBase64Lib() {
-  // The registry only ever appends, so a second call would list every function twice.
   static std::once_flag once;
-  std::call_once(once, [] {
-    GlobalLib lib("base64", nullptr);
-    for (const luaL_Reg& function : kBase64Lib) lib.AddFunc(function.name, function.func);
-  });
+  detail::RegisterLibOnce(once, "base64", kBase64Lib);
 }
 
 }  // namespace lua

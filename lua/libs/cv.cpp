@@ -18,6 +18,7 @@
 
 #include "lua/global_lib.h"
 #include "lua/libs/libs.h"
+#include "lua/libs/register.h"
 #include "lua/object_ref.h"
 #include "lua/runtime.h"
 #include "lua/wrap_func.h"
@@ -594,12 +595,8 @@ const luaL_Reg kCommonLib[] = {
 }  // namespace
 
 void RegisterCommonLib() {
-  // The registry only ever appends, so a second call would list every function twice.
   static std::once_flag once;
-  std::call_once(once, [] {
-    GlobalLib lib("cv", nullptr);
-    for (const luaL_Reg& function : kCommonLib) lib.AddFunc(function.name, function.func);
-  });
+  detail::RegisterLibOnce(once, "cv", kCommonLib);
 }
 
 }  // namespace lua

@@ -16,6 +16,7 @@
 
 #include "lua/global_lib.h"
 #include "lua/libs/libs.h"
+#include "lua/libs/register.h"
 #include "lua/object_ref.h"
 #include "lua/runtime.h"
 #include "lua/wrap_func.h"
@@ -455,12 +456,8 @@ const luaL_Reg kHttpLib[] = {
 }  // namespace
 
 void RegisterHttpLib() {
-  // The registry only ever appends, so a second call would list every function twice.
   static std::once_flag once;
-  std::call_once(once, [] {
-    GlobalLib lib("http", nullptr);
-    for (const luaL_Reg& function : kHttpLib) lib.AddFunc(function.name, function.func);
-  });
+  detail::RegisterLibOnce(once, "http", kHttpLib);
 }
 
 }  // namespace lua

@@ -29,6 +29,7 @@
 #include "lua/internal/json_meta.h"
 #include "lua/json.h"
 #include "lua/libs/libs.h"
+#include "lua/libs/register.h"
 #include "lua/object_ref.h"
 #include "lua/runtime.h"
 #include "lua/wrap_func.h"
@@ -1108,20 +1109,20 @@ void InitJsonLib(boost::shared_ptr<RunTime>& rt, boost::shared_ptr<TableRef>& ta
 }  // namespace
 
 void RegisterJsonLib() {
-  // Registering twice would list every function twice.
+  // "null" and the table of metadata are placeholders that InitJsonLib fills.
+  const luaL_Reg kJsonLib[] = {
+      {"decode", WrapFunc<&Decode>},
+      {"encode", WrapFunc<&Encode>},
+      {"array", WrapFunc<&MakeArray>},
+      {"object", WrapFunc<&MakeObject>},
+      {"load", WrapFunc<&Load>},
+      {"save", WrapFunc<&Save>},
+      {"storage", WrapFunc<&OpenStorage>},
+      {"null", nullptr},
+      {GetAllMetadatasTableName().c_str(), nullptr},
+  };
   static std::once_flag once;
-  std::call_once(once, [] {
-    GlobalLib("json", InitJsonLib)
-        .AddFunc("decode", WrapFunc<&Decode>)
-        .AddFunc("encode", WrapFunc<&Encode>)
-        .AddFunc("array", WrapFunc<&MakeArray>)
-        .AddFunc("object", WrapFunc<&MakeObject>)
-        .AddFunc("load", WrapFunc<&Load>)
-        .AddFunc("save", WrapFunc<&Save>)
-        .AddFunc("storage", WrapFunc<&OpenStorage>)
-        .AddDataPlaceholder("null")
-        .AddDataPlaceholder(GetAllMetadatasTableName());
-  });
+  detail::RegisterLibOnce(once, "json", kJsonLib, InitJsonLib);
 }
 
 }  // namespace lua
