@@ -113,7 +113,7 @@ void RunTime::LoadLibs() {
   Registry& registry = GetRegistry();
   utils::ThreadMutex::ScopedLock lock(registry.mutex);
   for (const std::string& name : registry.order) {
-    EnsureFreeStackSlots(10);
+    EnsureFreeStackSlots(RunTime::kPushHeadroom);
     luaL_requiref(state_, name.c_str(), WrapFunc<&OpenLibrary>, 1);
     lua_pop(state_, 1);  // the copy of the library value that luaL_requiref leaves
   }

@@ -65,7 +65,7 @@ constexpr unsigned long long kMaxLengthPerPair = 4;
 class LuaToJson {
  public:
   explicit LuaToJson(RunTime& rt) : rt_(rt), L_(rt.State()) {
-    rt_.EnsureFreeStackSlots(10);
+    rt_.EnsureFreeStackSlots(RunTime::kPushHeadroom);
     metas_ = detatils::PushAllMetadatas(L_);
   }
 
@@ -201,7 +201,7 @@ class LuaToJson {
     if (utils::NativeStackLeft() < utils::kNativeStackReserve) {
       throw RunTimeError("AsJsonValue(): tables nested too deep for the thread's stack");
     }
-    rt_.EnsureFreeStackSlots(10);
+    rt_.EnsureFreeStackSlots(RunTime::kPushHeadroom);
   }
 
   RunTime& rt_;
@@ -215,7 +215,7 @@ class LuaToJson {
 class JsonToLua {
  public:
   explicit JsonToLua(RunTime& rt) : rt_(rt), L_(rt.State()) {
-    rt_.EnsureFreeStackSlots(10);
+    rt_.EnsureFreeStackSlots(RunTime::kPushHeadroom);
     base_ = lua_gettop(L_);
     metas_ = detatils::PushAllMetadatas(L_);
     if (metas_ != 0) {
@@ -294,7 +294,7 @@ class JsonToLua {
     if (utils::NativeStackLeft() < utils::kNativeStackReserve) {
       throw RunTimeError("ConvertToLuaObject(): JSON nested too deep for the thread's stack");
     }
-    rt_.EnsureFreeStackSlots(10);
+    rt_.EnsureFreeStackSlots(RunTime::kPushHeadroom);
   }
 
   RunTime& rt_;
@@ -376,7 +376,7 @@ int PushAllMetadatas(lua_State* L) {
 }
 
 DeferredAnnotations::DeferredAnnotations(lua_State* L, bool nested) : L_(L) {
-  luaL_checkstack(L_, 10, "json annotations");
+  luaL_checkstack(L_, RunTime::kPushHeadroom, "json annotations");
   const int metas = PushMetadatasAsTheyAre(L_);
   if (metas == 0) return;
   if (nested) {
@@ -434,7 +434,7 @@ void DeferredAnnotations::Finish() {
 }
 
 void FlushDeferredAnnotations(lua_State* L, int metas) {
-  luaL_checkstack(L, 10, "json annotations");
+  luaL_checkstack(L, RunTime::kPushHeadroom, "json annotations");
   for (int type = 0; type < 2; ++type) {
     if (lua_rawgetp(L, LUA_REGISTRYINDEX, &kDeferredKeys[type]) != LUA_TTABLE) {
       lua_pop(L, 1);
@@ -515,7 +515,7 @@ void* JsonNullValue() {
 }
 
 boost::shared_ptr<TableRef> GetAllMetadatasTable(const boost::shared_ptr<RunTime>& rt) {
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   if (detatils::PushAllMetadatas(rt->State()) == 0) return boost::shared_ptr<TableRef>();
   return boost::static_pointer_cast<TableRef>(rt->ObjectAtStackTop());
 }
@@ -524,7 +524,7 @@ boost::shared_ptr<TableRef> GetMetadataTable(const boost::shared_ptr<ObjectRef>&
   if (!obj || !obj->IsValid()) throw RunTimeError(kInvalidReference);
   const boost::shared_ptr<RunTime>& rt = obj->GetRunTime();
   lua_State* L = rt->State();
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   const int top = lua_gettop(L);
   const int metas = detatils::PushAllMetadatas(L);
   if (metas == 0) return boost::shared_ptr<TableRef>();
@@ -541,7 +541,7 @@ JsonAnnotatedType GetJsonAnnotatedType(const boost::shared_ptr<ObjectRef>& obj) 
   if (!obj || !obj->IsValid()) throw RunTimeError(kInvalidReference);
   const boost::shared_ptr<RunTime>& rt = obj->GetRunTime();
   RunTime::StackCleaner cleaner(rt);
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_State* L = rt->State();
   const int metas = detatils::PushAllMetadatas(L);
   return static_cast<JsonAnnotatedType>(detatils::AnnotationOf(L, metas, obj->StackIndex()));
@@ -559,7 +559,7 @@ void SetJsonAnnotatedType(const boost::shared_ptr<ObjectRef>& obj, JsonAnnotated
   }
   const boost::shared_ptr<RunTime>& rt = obj->GetRunTime();
   RunTime::StackCleaner cleaner(rt);
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_State* L = rt->State();
   const int metas = detatils::PushAllMetadatas(L);
   if (metas != 0) detatils::Annotate(L, metas, obj->StackIndex(), type);

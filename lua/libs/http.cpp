@@ -89,13 +89,13 @@ int ClampToInt(long long value) {
 void ReadHeaders(const Rt& rt, int options, utils::StringPairList* headers) {
   lua_State* L = rt->State();
   RunTime::StackCleaner cleaner(rt);
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_pushnil(L);
   while (lua_next(L, options) != 0) {  // [key, value]
     const std::string name = ToText(L, -2);
     if (lua_type(L, -1) == LUA_TTABLE) {
       const int values = lua_gettop(L);
-      rt->EnsureFreeStackSlots(10);
+      rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
       lua_pushnil(L);
       while (lua_next(L, values) != 0) {  // [key, value, index, element]
         headers->AddValue(name, ToText(L, -1));
@@ -173,7 +173,7 @@ void ReadOptionsTable(const Rt& rt, int table, Request* request) {
     params.maxBodyBytes = static_cast<size_t>(maxBodyBytes);
   }
   RunTime::StackCleaner cleaner(rt);
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   if (lua_getfield(L, table, "options") == LUA_TTABLE) ReadHeaders(rt, lua_gettop(L), &params.headers);
   if (lua_getfield(L, table, "proxy") == LUA_TTABLE) ReadProxy(rt, lua_gettop(L), &params.proxy);
 }
@@ -295,7 +295,7 @@ int Perform(Rt& rt, const Request& request, const char* functionName,
   if (woken) client.Reset();
   if (!interrupted.empty()) rt->Error(std::string(functionName) + ": " + interrupted);
   lua_State* L = rt->State();
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   if (code < 1 && failure == FailureResult::kNilAndMessage) {
     lua_pushnil(L);
     const std::string message = std::string(utils::HttpRequestErrorName(code)) + ": " + response.ErrorText();
@@ -334,7 +334,7 @@ int RequestAll(Rt& rt, const Args& args) {
   std::vector<std::unique_ptr<BodyFiles>> files(count);
   {
     RunTime::StackCleaner cleaner(rt);
-    rt->EnsureFreeStackSlots(10);
+    rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
     for (size_t i = 0; i < count; ++i) {
       if (lua_rawgeti(L, list, static_cast<lua_Integer>(i + 1)) != LUA_TTABLE) {
         rt->Error("Bad argument: element " + std::to_string(i + 1) + " must be a table");
@@ -378,7 +378,7 @@ int RequestAll(Rt& rt, const Args& args) {
     if (wait.Cancelled()) interrupted = wait.Reason();
   }
   if (!interrupted.empty()) rt->Error("http.requestAll: " + interrupted);
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_createtable(L, static_cast<int>(std::min<size_t>(count, INT_MAX)), 0);
   for (size_t i = 0; i < count; ++i) {
     const utils::HttpBatchResult& result = results[i];

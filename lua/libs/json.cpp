@@ -133,7 +133,7 @@ class Decoder {
  public:
   // Pushes the helpers it works with (see the members).
   Decoder(lua_State* L, bool nested) : L_(L), annotations_(L, nested) {
-    luaL_checkstack(L_, 10, "json.decode");
+    luaL_checkstack(L_, RunTime::kPushHeadroom, "json.decode");
     // The runtime's string cache is taken out of the registry for the decode:
     // a decode that a finalizer runs meanwhile must not replace the strings
     // that this one points at.
@@ -598,7 +598,7 @@ struct EncodeError {
 class Encoder {
  public:
   Encoder(lua_State* L, bool pretty, bool finiteOnly) : L_(L), writer_(pretty), finiteOnly_(finiteOnly) {
-    luaL_checkstack(L_, 10, "json.encode");
+    luaL_checkstack(L_, RunTime::kPushHeadroom, "json.encode");
     metas_ = detatils::PushAllMetadatas(L_);
   }
 
@@ -667,7 +667,7 @@ class Encoder {
     for (const void* open : path_) {
       if (open == identity) Fail("a table contains itself");
     }
-    luaL_checkstack(L_, 10, "json.encode");
+    luaL_checkstack(L_, RunTime::kPushHeadroom, "json.encode");
     path_.push_back(identity);
     const lua_Integer annotation = detatils::AnnotationOf(L_, metas_, index);
     switch (annotation) {
@@ -899,7 +899,7 @@ int Annotate(boost::shared_ptr<RunTime>& rt, const Args& args, JsonAnnotatedType
   } else if (argType != LUA_TTABLE) {
     rt->Error("Bad argument: expected a table");
   }
-  luaL_checkstack(L, 10, "json");
+  luaL_checkstack(L, RunTime::kPushHeadroom, "json");
   const int metas = detatils::PushAllMetadatas(L);
   if (metas != 0) {
     detatils::Annotate(L, metas, 1, type);
@@ -949,7 +949,7 @@ int OpenStorage(boost::shared_ptr<RunTime>& rt, const Args& args) {
   Storage storage = std::make_shared<utils::JsonPersistentStorage>(path);
   std::string error;
   if (!storage->IsLoaded(&error)) return PushFailure(L, error);
-  luaL_checkstack(L, 10, "json.storage");
+  luaL_checkstack(L, RunTime::kPushHeadroom, "json.storage");
   void* block = lua_newuserdata(L, sizeof(Storage));
   // Constructed before the metatable brings the finalizer along.
   new (block) Storage(std::move(storage));
@@ -1014,7 +1014,7 @@ int StorageKeys(boost::shared_ptr<RunTime>& rt, const Args& args) {
   const Storage storage = StorageArg(rt, args, 1, "()");
   const std::vector<std::string> keys = storage->Keys();
   lua_State* L = rt->State();
-  luaL_checkstack(L, 10, "json.storage");
+  luaL_checkstack(L, RunTime::kPushHeadroom, "json.storage");
   lua_createtable(L, static_cast<int>(keys.size()), 0);
   const int table = lua_gettop(L);
   lua_Integer i = 0;
@@ -1102,7 +1102,7 @@ void InitJsonLib(boost::shared_ptr<RunTime>& rt, boost::shared_ptr<TableRef>& ta
   lua_pop(L, 1);
   table->Set(GetAllMetadatasTableName(), metas);
   table->Set("null", JsonNullValue());
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   CreateStorageMetatable(rt->State());
 }
 
