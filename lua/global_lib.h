@@ -5,7 +5,8 @@
 //
 // Thread-safe: one mutex guards the registry for every GlobalLib operation and
 // for RunTime::LoadLibs. Init functions run under that mutex, so they must not
-// register libraries or create runtimes themselves.
+// register libraries or create runtimes themselves. Lock order: docs/embedding.md,
+// "Locks and their order".
 #pragma once
 
 #include <functional>
