@@ -406,6 +406,8 @@ void DeferredAnnotations::Add(int index, int type) {
 // copying the others into a new list: compacting in place would keep the
 // room of the largest document ever decoded.
 void DeferredAnnotations::Finish() {
+  // Per kind: [.. list ..] -> [.. list .., fresh] -> [.. fresh ..], the new
+  // list taking the old one's slot.
   for (int type = 0; type < 2; ++type) {
     const int list = lists_[type];
     if (list == 0) continue;
@@ -433,6 +435,8 @@ void DeferredAnnotations::Finish() {
   }
 }
 
+// For each kind: [list] -> [list, metadata] -> metas[table] = metadata for
+// every table listed, whose entry becomes nil -> [].
 void FlushDeferredAnnotations(lua_State* L, int metas) {
   luaL_checkstack(L, RunTime::kPushHeadroom, "json annotations");
   for (int type = 0; type < 2; ++type) {

@@ -186,6 +186,7 @@ void ReadOptions(const Rt& rt, const Args& args, Request* request) {
 
 // Walks the head back to front, so a repeated header becomes an array in the
 // reverse of its wire order: scripts depend on that order.
+// Every turn of the loop leaves the stack as it found it: [..., headers].
 void PushHeaders(lua_State* L, const utils::StringPairList& headers) {
   lua_createtable(L, 0, static_cast<int>(headers.Size()));
   const int table = lua_gettop(L);
@@ -193,19 +194,21 @@ void PushHeaders(lua_State* L, const utils::StringPairList& headers) {
   std::string value;
   for (size_t i = headers.Size(); i-- > 0;) {
     headers.Value(i, &name, &value);
-    const int type = lua_getfield(L, table, name.c_str());
+    const int type = lua_getfield(L, table, name.c_str());  // [headers, seen]
     if (type == LUA_TNIL) {
       lua_pop(L, 1);
       lua_pushlstring(L, value.data(), value.size());
       lua_setfield(L, table, name.c_str());
     } else if (type == LUA_TSTRING) {
-      lua_createtable(L, 2, 0);  // [existing, array]
+      // [headers, seen] -> [headers, array, seen] -> [headers, array = {seen, value}]
+      lua_createtable(L, 2, 0);
       lua_insert(L, -2);
       lua_rawseti(L, -2, 1);
       lua_pushlstring(L, value.data(), value.size());
       lua_rawseti(L, -2, 2);
       lua_setfield(L, table, name.c_str());
     } else {
+      // [headers, array] -> [headers, array .. value] -> [headers]
       lua_pushlstring(L, value.data(), value.size());
       lua_rawseti(L, -2, static_cast<lua_Integer>(lua_rawlen(L, -2)) + 1);
       lua_pop(L, 1);

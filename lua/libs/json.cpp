@@ -425,7 +425,9 @@ class Decoder {
 
   // Stores the elements above the table (or above `base` before there is
   // one) at stored + 1 .. count, skipping the nils of null elements; the
-  // table is then alone at base + 1.
+  // table is then alone at base + 1:
+  //   [base | v1 .. vn]         -> [base | v1 .. vn, new] -> [base | new]
+  //   [base | table, v1 .. vn]  -> [base | table, v1 .. vn, table] -> [base | table]
   void MoveElements(int base, bool* made, lua_Integer stored, lua_Integer count) {
     const int first = base + (*made ? 2 : 1);
     const int top = lua_gettop(L_);
@@ -448,7 +450,8 @@ class Decoder {
   }
 
   // As MoveElements for name/value pairs, in their order, so that the last
-  // of two equal names wins.
+  // of two equal names wins:
+  //   [base | (table,) k1, v1 .. kn, vn] -> [base | table]
   void MoveMembers(int base, bool* made, int pending) {
     const int first = base + (*made ? 2 : 1);
     const int top = lua_gettop(L_);
