@@ -62,7 +62,10 @@ class Watchdog {
       }
       const auto first = entries_.begin();
       if (Clock::now() < first->first) {
-        wake_.wait_until(lock, first->first);
+        // A copy: wait_until reads the deadline again after waking, and Remove
+        // may have erased the entry while the mutex was released.
+        const Clock::time_point deadline = first->first;
+        wake_.wait_until(lock, deadline);
         continue;
       }
       const Entry entry = first->second;
