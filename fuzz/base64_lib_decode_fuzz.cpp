@@ -28,7 +28,7 @@ const boost::shared_ptr<lua::RunTime>& Runtime() {
 }
 
 Handle Bytes(const boost::shared_ptr<lua::RunTime>& rt, const std::string& bytes) {
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(lua::RunTime::kPushHeadroom);
   lua_pushlstring(rt->State(), bytes.data(), bytes.size());
   return rt->ObjectAtStackTop();
 }

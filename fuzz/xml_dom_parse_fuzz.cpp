@@ -107,7 +107,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   lua::RunTime::StackCleaner cleaner(rt);
   gPreviousLine = 0;
   gStepCount = 0;
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(lua::RunTime::kPushHeadroom);
   lua_pushlstring(rt->State(), reinterpret_cast<const char*>(data), size);
   const auto results = rt->RunFunc(harness.check, {rt->ObjectAtStackTop()});
   if (results.size() != 1 || !results.front()->AsBool()) __builtin_trap();

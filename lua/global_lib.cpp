@@ -2,6 +2,8 @@
 
 #include <cstring>
 #include <memory>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include <boost/unordered_map.hpp>
@@ -26,6 +28,9 @@ struct LibEntry {
 struct Registry {
   utils::ThreadMutex mutex;
   boost::unordered_map<std::string, LibEntry> libs;
+  // The names in registration order, so that every runtime opens the libraries
+  // in the same order whatever the hash order of `libs`.
+  std::vector<std::string> order;
 };
 
 // Never destroyed: runtimes may be created and closed from static destructors
@@ -35,10 +40,18 @@ Registry& GetRegistry() {
   return *registry;
 }
 
+// The entry of `lib`, made (and put at the end of the order) on first use.
+// The caller holds the registry mutex.
+LibEntry& FindOrAddEntry(Registry& registry, const std::string& lib) {
+  const auto inserted = registry.libs.emplace(lib, LibEntry());
+  if (inserted.second) registry.order.push_back(lib);
+  return inserted.first->second;
+}
+
 void AddEntry(const std::string& lib, const std::string& name, lua_CFunction f) {
   Registry& registry = GetRegistry();
   utils::ThreadMutex::ScopedLock lock(registry.mutex);
-  LibEntry& entry = registry.libs[lib];
+  LibEntry& entry = FindOrAddEntry(registry, lib);
   if (!entry.funcs.empty()) entry.funcs.pop_back();
   std::unique_ptr<char[]> copy(new char[name.size() + 1]);
   std::memcpy(copy.get(), name.c_str(), name.size() + 1);
@@ -74,7 +87,7 @@ int OpenLibrary(boost::shared_ptr<RunTime>& rt, const std::vector<boost::shared_
 GlobalLib::GlobalLib(const std::string& name, InitFunc init) : name_(name) {
   Registry& registry = GetRegistry();
   utils::ThreadMutex::ScopedLock lock(registry.mutex);
-  if (registry.libs.find(name) == registry.libs.end()) registry.libs[name].init = std::move(init);
+  if (registry.libs.find(name) == registry.libs.end()) FindOrAddEntry(registry, name).init = std::move(init);
 }
 
 GlobalLib& GlobalLib::AddFunc(const std::string& name, int (*f)(lua_State*)) {
@@ -90,7 +103,7 @@ GlobalLib& GlobalLib::AddDataPlaceholder(const std::string& name) {
 void GlobalLib::SetInitFunc(const InitFunc& init) {
   Registry& registry = GetRegistry();
   utils::ThreadMutex::ScopedLock lock(registry.mutex);
-  registry.libs[name_].init = init;
+  FindOrAddEntry(registry, name_).init = init;
 }
 
 void RunTime::LoadLibs() {
@@ -99,9 +112,9 @@ void RunTime::LoadLibs() {
   StackCleaner cleaner(self);
   Registry& registry = GetRegistry();
   utils::ThreadMutex::ScopedLock lock(registry.mutex);
-  for (const auto& lib : registry.libs) {
-    EnsureFreeStackSlots(10);
-    luaL_requiref(state_, lib.first.c_str(), WrapFunc<&OpenLibrary>, 1);
+  for (const std::string& name : registry.order) {
+    EnsureFreeStackSlots(RunTime::kPushHeadroom);
+    luaL_requiref(state_, name.c_str(), WrapFunc<&OpenLibrary>, 1);
     lua_pop(state_, 1);  // the copy of the library value that luaL_requiref leaves
   }
 }

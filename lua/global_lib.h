@@ -1,10 +1,12 @@
 // lua::GlobalLib: a handle to one native library in the process-wide registry
-// that every new RunTime opens (as a global and in package.loaded). A library
-// registered after a runtime was created is not in that runtime.
+// that every new RunTime opens (as a global and in package.loaded), in the
+// order the libraries were first registered. A library registered after a
+// runtime was created is not in that runtime.
 //
 // Thread-safe: one mutex guards the registry for every GlobalLib operation and
 // for RunTime::LoadLibs. Init functions run under that mutex, so they must not
-// register libraries or create runtimes themselves.
+// register libraries or create runtimes themselves. Lock order: docs/embedding.md,
+// "Locks and their order".
 #pragma once
 
 #include <functional>

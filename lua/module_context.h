@@ -5,7 +5,8 @@
 // empties the runtime's stack on release.
 //
 // Thread-safe: any thread may create Locks; the runtime a Lock hands out may
-// only be used while that Lock lives.
+// only be used while that Lock lives. The context's mutex comes first in the
+// lock order (docs/embedding.md, "Locks and their order").
 #pragma once
 
 #include <chrono>

@@ -43,7 +43,7 @@ long long ObjectRef::Len() const {
   // protected call.
   const int current = lua_type(L, index_);
   if (current != LUA_TSTRING && current != LUA_TTABLE) return 0;
-  rt_->EnsureFreeStackSlots(10);
+  rt_->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   return luaL_len(L, index_);
 }
 
@@ -84,7 +84,7 @@ double ObjectRef::AsReal() const {
 std::string ObjectRef::AsString() const {
   CheckRef(type_);
   lua_State* L = this->L();
-  rt_->EnsureFreeStackSlots(10);
+  rt_->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   size_t length = 0;
   const char* text = luaL_tolstring(L, index_, &length);
   std::string result(text, length);
@@ -116,7 +116,7 @@ boost::shared_ptr<ObjectRef> TableRef::operator[](const boost::shared_ptr<Object
     throw RunTimeError(kInvalidReference);
   }
   if (key->StackIndex() != lua_gettop(L)) {
-    GetRunTime()->EnsureFreeStackSlots(10);
+    GetRunTime()->EnsureFreeStackSlots(RunTime::kPushHeadroom);
     lua_pushvalue(L, key->StackIndex());
   }
   lua_rawget(L, table);  // [..., value]
@@ -129,7 +129,7 @@ void TableRef::Erase(const boost::shared_ptr<ObjectRef>& key) const {
   if (!key || key->StackIndex() == 0 || !detatils::IsAcceptableIndex(L, key->StackIndex())) {
     throw RunTimeError(kInvalidReference);
   }
-  GetRunTime()->EnsureFreeStackSlots(10);
+  GetRunTime()->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_pushvalue(L, key->StackIndex());
   lua_pushnil(L);
   lua_settable(L, table);
@@ -138,7 +138,7 @@ void TableRef::Erase(const boost::shared_ptr<ObjectRef>& key) const {
 bool TableRef::Empty() const {
   const int table = TableIndex();
   lua_State* L = this->L();
-  GetRunTime()->EnsureFreeStackSlots(10);
+  GetRunTime()->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   const int top = lua_gettop(L);
   lua_pushnil(L);
   const bool empty = lua_next(L, table) == 0;
@@ -155,7 +155,7 @@ TableRef::ConstArrayIterator TableRef::ArrayIterator() const {
   long long length = 0;
   const int type = lua_type(L, StackIndex());
   if (type == LUA_TTABLE || type == LUA_TSTRING) {
-    GetRunTime()->EnsureFreeStackSlots(10);
+    GetRunTime()->EnsureFreeStackSlots(RunTime::kPushHeadroom);
     length = luaL_len(L, StackIndex());
   }
   return ConstArrayIterator(GetRunTime(), StackIndex(), length);
@@ -166,7 +166,7 @@ bool TableRef::ConstIterator::Next() {
   lua_State* L = rt_->State();
   if (lua_type(L, tableIndex_) != LUA_TTABLE) throw RunTimeError(kInvalidReference);
   if (state_ == kBeforeFirst) {
-    rt_->EnsureFreeStackSlots(10);
+    rt_->EnsureFreeStackSlots(RunTime::kPushHeadroom);
     lua_pushnil(L);
   } else {
     const int top = lua_gettop(L);
@@ -174,7 +174,7 @@ bool TableRef::ConstIterator::Next() {
     if (keyIndex == top - 1) {
       lua_pop(L, 1);  // [..., key]
     } else if (keyIndex != top) {
-      rt_->EnsureFreeStackSlots(10);
+      rt_->EnsureFreeStackSlots(RunTime::kPushHeadroom);
       lua_pushvalue(L, keyIndex);
     }
   }
@@ -208,7 +208,7 @@ bool TableRef::ConstArrayIterator::Next() {
   lua_State* L = rt_->State();
   // A raw read of anything but a table would not be checked by the interpreter.
   if (lua_type(L, tableIndex_) != LUA_TTABLE) throw RunTimeError(kInvalidReference);
-  rt_->EnsureFreeStackSlots(10);
+  rt_->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_rawgeti(L, tableIndex_, index_);
   detatils::HandleAccess::Retarget(val_, rt_, lua_gettop(L));
   return true;

@@ -244,7 +244,7 @@ void RunTime::Remove(const boost::shared_ptr<ObjectRef>& object) {
 }
 
 void RunTime::EnsureFreeStackSlots(int n) {
-  if (!lua_checkstack(state_, n > 10 ? n : 10)) {
+  if (!lua_checkstack(state_, n > kPushHeadroom ? n : kPushHeadroom)) {
     throw RunTimeError("EnsureFreeStackSlots(): stack overflow");
   }
 }
@@ -257,7 +257,7 @@ std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunImpl(ChunkKind kind, const
   lua_setglobal(state_, "init_data");
   if (clearStack) lua_settop(state_, 0);
   const int base = lua_gettop(state_);
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   const int status = kind == ChunkKind::File ? luaL_loadfilex(state_, source.c_str(), nullptr)
                                              : luaL_loadstring(state_, source.c_str());
   if (status != LUA_OK) RaiseError(state_, false);
@@ -268,7 +268,7 @@ std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunImpl(ChunkKind kind, const
 }
 
 void RunTime::PushArgsTable(const std::vector<boost::shared_ptr<ObjectRef>>& args) {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_createtable(state_, static_cast<int>(args.size()), 0);
   const int table = lua_gettop(state_);
   lua_Integer i = 0;
@@ -279,7 +279,7 @@ void RunTime::PushArgsTable(const std::vector<boost::shared_ptr<ObjectRef>>& arg
 }
 
 void RunTime::PushArgsTable(const std::vector<std::string>& args) {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_createtable(state_, static_cast<int>(args.size()), 0);
   const int table = lua_gettop(state_);
   lua_Integer i = 0;
@@ -290,7 +290,7 @@ void RunTime::PushArgsTable(const std::vector<std::string>& args) {
 }
 
 std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunFile(const std::string& path, bool clearStack) {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_newtable(state_);
   return RunImpl(ChunkKind::File, path, clearStack);
 }
@@ -310,7 +310,7 @@ std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunFile(const std::string& pa
 
 std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunFile(const std::string& path, int argc,
                                                            const char** argv, bool clearStack) {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_createtable(state_, argc > 0 ? argc : 0, 0);
   const int table = lua_gettop(state_);
   for (int i = 0; i < argc; ++i) {
@@ -323,13 +323,13 @@ std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunFile(const std::string& pa
 std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunFile(const std::string& path,
                                                            const boost::shared_ptr<TableRef>& args,
                                                            bool clearStack) {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   PushCopy(state_, args.get());
   return RunImpl(ChunkKind::File, path, clearStack);
 }
 
 std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunString(const std::string& code, bool clearStack) {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_newtable(state_);
   return RunImpl(ChunkKind::String, code, clearStack);
 }
@@ -360,7 +360,7 @@ std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunFunc(
 void RunTime::PrepareCall(size_t nargs) {
   // Room for the handler, the function and the arguments at once; the message
   // handler goes in first, so that no rotation has to put it below the function.
-  EnsureFreeStackSlots(static_cast<int>(nargs) + 10);
+  EnsureFreeStackSlots(static_cast<int>(nargs) + kPushHeadroom);
   lua_pushcfunction(state_, MessageHandler);
 }
 
@@ -377,7 +377,7 @@ std::vector<boost::shared_ptr<ObjectRef>> RunTime::CallPushedFunction(
 
 void RunTime::Pcall(int nargs, int nresults) {
   const int base = lua_gettop(state_) - nargs;
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_pushcfunction(state_, MessageHandler);
   lua_rotate(state_, base, 1);  // [handler, function, args...]
   PcallWithHandlerAt(base, nargs, nresults);
@@ -400,13 +400,13 @@ std::vector<boost::shared_ptr<ObjectRef>> RunTime::ExtractRetVals(int base) {
 }
 
 boost::shared_ptr<ObjectRef> RunTime::GetGlobalObject(const std::string& name) {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_getglobal(state_, name.c_str());
   return detatils::CachedHandle(*this, lua_gettop(state_));
 }
 
 void RunTime::SetGlobalObject(const std::string& name, const boost::shared_ptr<ObjectRef>& value) {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   PushCopy(state_, value.get());
   lua_setglobal(state_, name.c_str());
 }
@@ -443,19 +443,19 @@ boost::shared_ptr<ObjectRef> RunTime::ObjectAtStack(int index) {
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateNilAtStack() {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_pushnil(state_);
   return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TNIL);
 }
 
 boost::shared_ptr<TableRef> RunTime::CreateTableAtStack() {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_createtable(state_, 0, 0);
   return detatils::NewHandle<TableRef>(shared_from_this(), lua_gettop(state_));
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(bool value) {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_pushboolean(state_, value ? 1 : 0);
   return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TBOOLEAN);
 }
@@ -465,25 +465,25 @@ boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(int value) {
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(long long value) {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_pushinteger(state_, value);
   return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TNUMBER);
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(double value) {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_pushnumber(state_, value);
   return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TNUMBER);
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(void* value) {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_pushlightuserdata(state_, value);
   return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TLIGHTUSERDATA);
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(const char* value) {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_pushstring(state_, value);
   return detatils::CachedHandle(*this, lua_gettop(state_));
 }
@@ -501,13 +501,13 @@ boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(const boost::shared_ptr<Tabl
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(const ObjectRef* value) {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   PushCopy(state_, value);
   return detatils::CachedHandle(*this, lua_gettop(state_));
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(lua_CFunction value) {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_pushcfunction(state_, value);
   return detatils::CachedHandle(*this, lua_gettop(state_), LUA_TFUNCTION);
 }
@@ -526,7 +526,7 @@ boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(lua_CFunction value,
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(const NativeFunction& value) {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   void* block = lua_newuserdata(state_, sizeof(NativeFunction));
   // Constructed before the finalizer is attached, so a copy that throws never
   // leaves a destructor to run on raw memory.
@@ -541,7 +541,7 @@ boost::shared_ptr<ObjectRef> RunTime::CreateAtStack(const NativeFunction& value)
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateResultAtStack(const std::string& value) {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   // Pushed with its length: results may be binary.
   if (value.empty()) {
     lua_pushnil(state_);
@@ -557,7 +557,7 @@ boost::shared_ptr<ObjectRef> RunTime::CreateResultAtStack(const char* value) {
 }
 
 boost::shared_ptr<ObjectRef> RunTime::CreateResultAtStack(const boost::shared_ptr<ObjectRef>& value) {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   PushCopy(state_, value.get());
   if (lua_type(state_, -1) == LUA_TSTRING && lua_rawlen(state_, -1) == 0) {
     lua_pop(state_, 1);
@@ -577,7 +577,7 @@ boost::shared_ptr<ObjectRef> RunTime::CreateResultAtStack(const NilResultPlaceho
 }
 
 int RunTime::NilResult() {
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_pushnil(state_);
   return 1;
 }
@@ -612,7 +612,7 @@ boost::shared_ptr<TableRef> RunTime::CreateLibTable(const std::vector<luaL_Reg>&
   luaL_checkversion(state_);
   const bool terminated = !regs.empty() && regs.back().name == nullptr;
   const size_t count = terminated ? regs.size() - 1 : regs.size();
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_createtable(state_, 0, static_cast<int>(count));
   // luaL_setfuncs of this Lua version would store a null function as a C
   // function; placeholders must read false instead.
@@ -638,7 +638,7 @@ boost::shared_ptr<TableRef> RunTime::CreateWeakTableAtStack(WeakTableType type) 
     throw RunTimeError("CreateWeakTableAtStack(): invalid weak table type: " +
                        std::to_string(static_cast<int>(type)));
   }
-  EnsureFreeStackSlots(10);
+  EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_createtable(state_, 0, 0);
   lua_createtable(state_, 0, 1);
   lua_pushstring(state_, mode);

@@ -115,7 +115,12 @@ class RunTime : public boost::enable_shared_from_this<RunTime>, private utils::N
   void Remove(const boost::shared_ptr<ObjectRef>& object);
   int ObjType(int index) const { return lua_type(state_, index); }
   const void* ObjPointer(int index) const { return lua_topointer(state_, index); }
-  // Room for max(n, 10) more values, or RunTimeError.
+  // What a push site reserves before it pushes. One step pushes a value and a
+  // few temporaries (a key, a metatable, what the luaL_ helpers use inside),
+  // never near 10, so the sites need not count exactly; a site that pushes a
+  // known number of values more asks for that number plus this.
+  static constexpr int kPushHeadroom = 10;
+  // Room for max(n, kPushHeadroom) more values, or RunTimeError.
   void EnsureFreeStackSlots(int n);
   bool ReserveFreeStackSlots(int n) { return lua_checkstack(state_, n) != 0; }
 

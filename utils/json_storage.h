@@ -59,6 +59,8 @@ class JsonPersistentStorage : private Noncopyable {
   const std::string path_;
   // Held across a whole Save or Reload so that files reach the disk in the
   // order their snapshots were taken; data_ is not locked during the I/O.
+  // Taken before dataMutex_; both are leaf locks (docs/embedding.md, "Locks
+  // and their order").
   ThreadMutex fileMutex_;
   mutable ThreadMutex dataMutex_;
   Json::Value data_;

@@ -11,7 +11,6 @@ namespace utils {
 class ThreadMutex : private Noncopyable {
  public:
   void Lock() { mutex_.lock(); }
-  bool TryLock() { return mutex_.try_lock(); }
   // On the wall clock: that is pthread_mutex_timedlock, which ThreadSanitizer
   // understands; the steady-clock variant is invisible to it.
   bool TryLockFor(std::chrono::milliseconds wait) {
@@ -21,7 +20,6 @@ class ThreadMutex : private Noncopyable {
 
   // BasicLockable, so std::lock_guard and std::unique_lock work too.
   void lock() { Lock(); }
-  bool try_lock() { return TryLock(); }
   void unlock() { Unlock(); }
 
   class ScopedLock : private Noncopyable {

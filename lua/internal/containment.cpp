@@ -62,7 +62,10 @@ class Watchdog {
       }
       const auto first = entries_.begin();
       if (Clock::now() < first->first) {
-        wake_.wait_until(lock, first->first);
+        // A copy: wait_until reads the deadline again after waking, and Remove
+        // may have erased the entry while the mutex was released.
+        const Clock::time_point deadline = first->first;
+        wake_.wait_until(lock, deadline);
         continue;
       }
       const Entry entry = first->second;
@@ -260,6 +263,7 @@ class ResumeScope {
 // coroutine.resume: the library's own, called from upvalue 1.
 int ResumeTracked(lua_State* L) {
   ResumeScope scope(L, lua_tothread(L, 1));
+  // [co, args...] -> [resume, co, args...] -> [results of resume...]
   lua_pushvalue(L, lua_upvalueindex(1));
   lua_insert(L, 1);
   lua_call(L, lua_gettop(L) - 1, LUA_MULTRET);
@@ -271,15 +275,18 @@ int ResumeTracked(lua_State* L) {
 int WrappedCoroutine(lua_State* L) {
   const int nargs = lua_gettop(L);
   luaL_checkstack(L, 2, "too many arguments to resume");
+  // [args...] -> [args..., resume, co] -> [resume, co, args...]
   lua_pushvalue(L, lua_upvalueindex(1));
   lua_pushvalue(L, lua_upvalueindex(2));
   lua_rotate(L, 1, 2);
+  // -> [ok, values...] or [false, error]
   lua_call(L, nargs + 1, LUA_MULTRET);
   if (lua_toboolean(L, 1)) {
     lua_remove(L, 1);
     return lua_gettop(L);
   }
   if (lua_type(L, 2) == LUA_TSTRING) {
+    // [false, error, where] -> [false, error, where .. error]
     luaL_where(L, 1);
     lua_pushvalue(L, 2);
     lua_concat(L, 2);
@@ -291,9 +298,11 @@ int WrappedCoroutine(lua_State* L) {
 
 int WrapTracked(lua_State* L) {
   luaL_checktype(L, 1, LUA_TFUNCTION);
+  // [f] -> [f, co] with f moved onto co's own stack as its body
   lua_State* thread = lua_newthread(L);
   lua_pushvalue(L, 1);
   lua_xmove(L, thread, 1);
+  // -> [f, resume, co] -> [f, closure(resume, co)]
   lua_pushvalue(L, lua_upvalueindex(1));  // the tracked resume
   lua_insert(L, -2);
   lua_pushcclosure(L, WrappedCoroutine, 2);
@@ -307,10 +316,12 @@ void TrackCoroutines(lua_State* L) {
     lua_pop(L, 1);
     return;
   }
+  // [coroutine, resume] -> [coroutine, tracked, tracked] -> [coroutine, tracked]
   lua_getfield(L, -1, "resume");
   lua_pushcclosure(L, ResumeTracked, 1);
   lua_pushvalue(L, -1);
   lua_setfield(L, -3, "resume");
+  // -> [coroutine, wrap(tracked)] -> [coroutine]
   lua_pushcclosure(L, WrapTracked, 1);
   lua_setfield(L, -2, "wrap");
   lua_pop(L, 1);

@@ -3,7 +3,8 @@
 // the allocator that keeps the memory limit, and the sandbox profile.
 //
 // Lock order: Watchdog::mutex_, then CallControl::mutex, then whatever a
-// canceller takes (a client's pipe, a sleep's condition variable).
+// canceller takes (a client's pipe, a sleep's condition variable); the whole
+// order is in docs/embedding.md, "Locks and their order".
 #pragma once
 
 #include <atomic>

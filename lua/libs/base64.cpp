@@ -13,6 +13,7 @@
 
 #include "lua/global_lib.h"
 #include "lua/libs/libs.h"
+#include "lua/libs/register.h"
 #include "lua/object_ref.h"
 #include "lua/runtime.h"
 #include "lua/wrap_func.h"
@@ -54,7 +55,7 @@ std::string ByteArrayBytes(const Rt& rt, const boost::shared_ptr<TableRef>& arra
 // Pushes the encoding of the bytes, written straight into the interpreter's
 // buffer rather than through a temporary string.
 void PushEncoded(const Rt& rt, const char* data, size_t size) {
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   luaL_Buffer buffer;
   char* text = luaL_buffinitsize(rt->State(), &buffer, utils::Base64EncodedSize(size));
   luaL_pushresultsize(&buffer, utils::Base64EncodeTo(data, size, text));
@@ -84,7 +85,7 @@ int Encode(Rt& rt, const Args& args) {
 
 // Pushes a table holding the bytes as integers 0..255 at 1..n.
 void PushByteArray(const Rt& rt, const char* bytes, size_t size) {
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_State* L = rt->State();
   // Sized once and filled with raw stores: this loop is what limits decoding
   // to a byte array, and a table grown by appends would rehash log2(n) times.
@@ -108,7 +109,7 @@ int Decode(Rt& rt, const Args& args) {
   size_t length = 0;
   const char* text = StringBytes(rt, args[0], &length);
   if (length == 0) return rt->NilResult();
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   luaL_Buffer buffer;
   char* bytes = luaL_buffinitsize(rt->State(), &buffer, utils::Base64DecodedMaxSize(length));
   size_t size = 0;
@@ -133,12 +134,8 @@ const luaL_Reg kBase64Lib[] = {
 }  // namespace
 
 void RegisterBase64Lib() {
-  // The registry only ever appends, so a second call would list every function twice.
   static std::once_flag once;
-  std::call_once(once, [] {
-    GlobalLib lib("base64", nullptr);
-    for (const luaL_Reg& function : kBase64Lib) lib.AddFunc(function.name, function.func);
-  });
+  detail::RegisterLibOnce(once, "base64", kBase64Lib);
 }
 
 }  // namespace lua

@@ -18,6 +18,7 @@
 
 #include "lua/global_lib.h"
 #include "lua/libs/libs.h"
+#include "lua/libs/register.h"
 #include "lua/object_ref.h"
 #include "lua/runtime.h"
 #include "lua/wrap_func.h"
@@ -52,7 +53,7 @@ void CheckArg(const Rt& rt, const boost::shared_ptr<ObjectRef>& arg, int type,
 // first) and stays a string when empty (CreateResultAtStack would give nil).
 // Pushes one value.
 boost::shared_ptr<ObjectRef> CreateBytesAtStack(const Rt& rt, const std::string& bytes) {
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_pushlstring(rt->State(), bytes.data(), bytes.size());
   return rt->ObjectAtStackTop();
 }
@@ -90,7 +91,7 @@ std::string PopText(lua_State* L) {
 // Pushes table[key], read raw as TableRef reads.
 lua_State* PushField(const boost::shared_ptr<TableRef>& table, const char* key) {
   const boost::shared_ptr<RunTime>& rt = table->GetRunTime();
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_State* L = rt->State();
   lua_pushstring(L, key);
   lua_rawget(L, table->StackIndex());
@@ -122,21 +123,21 @@ std::string PortField(const boost::shared_ptr<TableRef>& table) {
 
 // A new table with room for `fields` named entries; pushes it.
 boost::shared_ptr<TableRef> CreateRecordAtStack(const Rt& rt, int fields) {
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_createtable(rt->State(), 0, fields);
   return boost::static_pointer_cast<TableRef>(rt->ObjectAtStackTop());
 }
 
 void SetField(const boost::shared_ptr<TableRef>& table, const char* key, const std::string& value) {
   const boost::shared_ptr<RunTime>& rt = table->GetRunTime();
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_pushlstring(rt->State(), value.data(), value.size());
   lua_setfield(rt->State(), table->StackIndex(), key);
 }
 
 void SetField(const boost::shared_ptr<TableRef>& table, const char* key, long long value) {
   const boost::shared_ptr<RunTime>& rt = table->GetRunTime();
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_pushinteger(rt->State(), value);
   lua_setfield(rt->State(), table->StackIndex(), key);
 }
@@ -594,12 +595,8 @@ const luaL_Reg kCommonLib[] = {
 }  // namespace
 
 void RegisterCommonLib() {
-  // The registry only ever appends, so a second call would list every function twice.
   static std::once_flag once;
-  std::call_once(once, [] {
-    GlobalLib lib("cv", nullptr);
-    for (const luaL_Reg& function : kCommonLib) lib.AddFunc(function.name, function.func);
-  });
+  detail::RegisterLibOnce(once, "cv", kCommonLib);
 }
 
 }  // namespace lua

@@ -16,6 +16,7 @@
 
 #include "lua/global_lib.h"
 #include "lua/libs/libs.h"
+#include "lua/libs/register.h"
 #include "lua/object_ref.h"
 #include "lua/runtime.h"
 #include "lua/wrap_func.h"
@@ -88,13 +89,13 @@ int ClampToInt(long long value) {
 void ReadHeaders(const Rt& rt, int options, utils::StringPairList* headers) {
   lua_State* L = rt->State();
   RunTime::StackCleaner cleaner(rt);
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_pushnil(L);
   while (lua_next(L, options) != 0) {  // [key, value]
     const std::string name = ToText(L, -2);
     if (lua_type(L, -1) == LUA_TTABLE) {
       const int values = lua_gettop(L);
-      rt->EnsureFreeStackSlots(10);
+      rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
       lua_pushnil(L);
       while (lua_next(L, values) != 0) {  // [key, value, index, element]
         headers->AddValue(name, ToText(L, -1));
@@ -172,7 +173,7 @@ void ReadOptionsTable(const Rt& rt, int table, Request* request) {
     params.maxBodyBytes = static_cast<size_t>(maxBodyBytes);
   }
   RunTime::StackCleaner cleaner(rt);
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   if (lua_getfield(L, table, "options") == LUA_TTABLE) ReadHeaders(rt, lua_gettop(L), &params.headers);
   if (lua_getfield(L, table, "proxy") == LUA_TTABLE) ReadProxy(rt, lua_gettop(L), &params.proxy);
 }
@@ -185,6 +186,7 @@ void ReadOptions(const Rt& rt, const Args& args, Request* request) {
 
 // Walks the head back to front, so a repeated header becomes an array in the
 // reverse of its wire order: scripts depend on that order.
+// Every turn of the loop leaves the stack as it found it: [..., headers].
 void PushHeaders(lua_State* L, const utils::StringPairList& headers) {
   lua_createtable(L, 0, static_cast<int>(headers.Size()));
   const int table = lua_gettop(L);
@@ -192,19 +194,21 @@ void PushHeaders(lua_State* L, const utils::StringPairList& headers) {
   std::string value;
   for (size_t i = headers.Size(); i-- > 0;) {
     headers.Value(i, &name, &value);
-    const int type = lua_getfield(L, table, name.c_str());
+    const int type = lua_getfield(L, table, name.c_str());  // [headers, seen]
     if (type == LUA_TNIL) {
       lua_pop(L, 1);
       lua_pushlstring(L, value.data(), value.size());
       lua_setfield(L, table, name.c_str());
     } else if (type == LUA_TSTRING) {
-      lua_createtable(L, 2, 0);  // [existing, array]
+      // [headers, seen] -> [headers, array, seen] -> [headers, array = {seen, value}]
+      lua_createtable(L, 2, 0);
       lua_insert(L, -2);
       lua_rawseti(L, -2, 1);
       lua_pushlstring(L, value.data(), value.size());
       lua_rawseti(L, -2, 2);
       lua_setfield(L, table, name.c_str());
     } else {
+      // [headers, array] -> [headers, array .. value] -> [headers]
       lua_pushlstring(L, value.data(), value.size());
       lua_rawseti(L, -2, static_cast<lua_Integer>(lua_rawlen(L, -2)) + 1);
       lua_pop(L, 1);
@@ -294,7 +298,7 @@ int Perform(Rt& rt, const Request& request, const char* functionName,
   if (woken) client.Reset();
   if (!interrupted.empty()) rt->Error(std::string(functionName) + ": " + interrupted);
   lua_State* L = rt->State();
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   if (code < 1 && failure == FailureResult::kNilAndMessage) {
     lua_pushnil(L);
     const std::string message = std::string(utils::HttpRequestErrorName(code)) + ": " + response.ErrorText();
@@ -333,7 +337,7 @@ int RequestAll(Rt& rt, const Args& args) {
   std::vector<std::unique_ptr<BodyFiles>> files(count);
   {
     RunTime::StackCleaner cleaner(rt);
-    rt->EnsureFreeStackSlots(10);
+    rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
     for (size_t i = 0; i < count; ++i) {
       if (lua_rawgeti(L, list, static_cast<lua_Integer>(i + 1)) != LUA_TTABLE) {
         rt->Error("Bad argument: element " + std::to_string(i + 1) + " must be a table");
@@ -377,7 +381,7 @@ int RequestAll(Rt& rt, const Args& args) {
     if (wait.Cancelled()) interrupted = wait.Reason();
   }
   if (!interrupted.empty()) rt->Error("http.requestAll: " + interrupted);
-  rt->EnsureFreeStackSlots(10);
+  rt->EnsureFreeStackSlots(RunTime::kPushHeadroom);
   lua_createtable(L, static_cast<int>(std::min<size_t>(count, INT_MAX)), 0);
   for (size_t i = 0; i < count; ++i) {
     const utils::HttpBatchResult& result = results[i];
@@ -455,12 +459,8 @@ const luaL_Reg kHttpLib[] = {
 }  // namespace
 
 void RegisterHttpLib() {
-  // The registry only ever appends, so a second call would list every function twice.
   static std::once_flag once;
-  std::call_once(once, [] {
-    GlobalLib lib("http", nullptr);
-    for (const luaL_Reg& function : kHttpLib) lib.AddFunc(function.name, function.func);
-  });
+  detail::RegisterLibOnce(once, "http", kHttpLib);
 }
 
 }  // namespace lua

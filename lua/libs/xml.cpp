@@ -2,12 +2,13 @@
 // It is all script code (xml.lua beside this file, embedded at build time) and
 // has no native functions: its init function runs the text in each runtime,
 // and the table the text returns becomes the library.
+#include <mutex>
 #include <string>
 
 #include <boost/shared_ptr.hpp>
 
-#include "lua/global_lib.h"
 #include "lua/libs/libs.h"
+#include "lua/libs/register.h"
 #include "lua/libs/xml_text.h"
 #include "lua/runtime.h"
 
@@ -28,8 +29,8 @@ void RunXmlText(boost::shared_ptr<RunTime>& rt, boost::shared_ptr<TableRef>&) {
 }  // namespace
 
 void RegisterXmlLib() {
-  // A second call finds the entry and changes nothing, as no functions are added.
-  GlobalLib("xml", RunXmlText);
+  static std::once_flag once;
+  detail::RegisterLibOnce(once, "xml", RunXmlText, nullptr, 0);
 }
 
 }  // namespace lua

@@ -186,16 +186,16 @@ MUTANTS = [
      "a native function may claim one result more than the stack holds"),
 
     # ---- lua/libs/ ----
-    ("libs.json_storage_infinity", "lua/libs/json.cpp",
+    ("libs.json_storage_infinity", "lua/libs/json_encode.cpp",
      "if (std::isnan(number) || finiteOnly_) Fail(\"cannot encode NaN or infinity\");",
      "if (std::isnan(number)) Fail(\"cannot encode NaN or infinity\");",
      "json.storage accepts infinities its file cannot hold"),
-    ("libs.json_path_nul", "lua/libs/json.cpp",
+    ("libs.json_path_nul", "lua/libs/json_lib.cpp",
      "  if (path.find('\\0') != std::string::npos) rt->Error(\"Bad argument: path contains a NUL byte\");\n",
      "",
      "json file functions take a path with a NUL byte"),
     # volatile: json decoder rewrite
-    ("libs.json_decode_trailing", "lua/libs/json.cpp",
+    ("libs.json_decode_trailing", "lua/libs/json_decode.cpp",
      "    const char* location = nullptr;\n"
      "    if (!error && document.current_location().get(location) != simdjson::OUT_OF_BOUNDS) {\n"
      "      error = simdjson::TRAILING_CONTENT;\n"

@@ -16,7 +16,8 @@
 
 namespace utils {
 
-// Belongs to one thread: ForThisThread hands out that thread's pool, which
+// Belongs to one thread and takes no lock (docs/embedding.md, "Locks and
+// their order"): ForThisThread hands out that thread's pool, which
 // closes what it holds when the thread ends. Keys are opaque to the pool; a
 // connection is only ever handed out for the key it was kept under.
 class HttpConnectionPool : private Noncopyable {
