@@ -1,5 +1,6 @@
 #include "lua/object_ref.h"
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -128,6 +129,42 @@ TEST(TableAccess, RawReadsAddOneSlotAndWritesHonourMetamethods) {
   rt->PopFromStack(rt->StackTopIndex() - table->StackIndex() + 1);
   rt->CreateAtStack(1);
   EXPECT_EQ(ThrownText([&] { table->Get("a"); }), "Invalid reference");  // never a raw read of a number
+}
+
+// Writes, lengths and texts run metamethods, unprotected when the host calls
+// them directly: a raising one is then a panic that the host gets as an
+// exception, never an abort. Inside a native function it is a script error.
+TEST(TableAccess, RaisingMetamethodsPanicInTheHostAndFailTheCallInAFunction) {
+  const std::string meta = "setmetatable({}, {__newindex = fail, __len = fail, __tostring = fail})";
+  const std::vector<std::function<void(const boost::shared_ptr<TableRef>&)>> operations = {
+      [](const boost::shared_ptr<TableRef>& t) { t->Set("k", 1); },
+      [](const boost::shared_ptr<TableRef>& t) { t->Len(); },
+      [](const boost::shared_ptr<TableRef>& t) { t->AsString(); }};
+  for (const auto& operation : operations) {
+    auto rt = RunTime::Create();
+    rt->RunString("function fail() error('meta failed') end", true);
+    try {
+      operation(Table(rt, meta));
+      ADD_FAILURE() << "no panic";
+    } catch (const lua::RunTimePanic& e) {
+      EXPECT_TRUE(lua_test::StartsWith(e.what(), "Lua panic: [string \"function fail()")) << e.what();
+    }
+    EXPECT_FALSE(rt->IsValid());
+
+    rt = RunTime::Create();
+    rt->RunString("function fail() error('meta failed') end", true);
+    RunTime::StackCleaner cleaner(rt);
+    lua::NativeFunction call = [&](boost::shared_ptr<RunTime>& inner,
+                                   const std::vector<boost::shared_ptr<ObjectRef>>& args) {
+      operation(args[0]->AsTableRef());
+      return inner->VoidResult();
+    };
+    rt->SetGlobalObject("call", rt->CreateAtStack(call));
+    EXPECT_EQ(rt->RunString("return select(2, pcall(call, " + meta + "))", false).front()->AsString(),
+              "[string \"function fail() error('meta failed') end\"]:1: meta failed");
+    EXPECT_TRUE(rt->IsValid());
+    EXPECT_EQ(rt->RunString("return 6 * 7", false).front()->AsInteger(), 42);
+  }
 }
 
 TEST(Iterators, FullWalkVisitsEveryPairAndLeavesTheStackAsItStarted) {
