@@ -84,32 +84,23 @@ TEST_F(Runner, ErrorsExitWithOne) {
   EXPECT_EQ(run.err.rfind("LuaModuleContext: runtime init error: Lua: ", 0), 0u) << run.err;
   EXPECT_NE(run.err.find("broken.lua:1:"), std::string::npos) << run.err;
 
-  run = Run({"run", Script("fails.lua", "error('script failed')")});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_NE(run.err.find("script failed"), std::string::npos);
-
-  run = Run({"run", dir_.File("missing.lua")});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_NE(run.err.find("missing.lua"), std::string::npos);
-
-  run = Run({"run", Script("ok.lua", "return 1"), "--call", "nothing"});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_NE(run.err.find("RunFunc(): expected type: function, got type: nil"), std::string::npos);
-
-  run = Run({"run", Script("cycle.lua", "local t = {} t[1] = t return t")});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_NE(run.err.find("nested deeper"), std::string::npos);
-
-  // The containment options, on the loaded script and on a call alike.
   const std::string spin = Script("spin.lua", "function f() while true do end end");
-  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-           {"-e", "while true do end", "--timeout", "100"},
-           {"run", spin, "--call", "f", "--timeout=100"},
-           {"-e", "return ('x'):rep(1 << 28)", "--memory", "1000000"},
-           {"-e", "return io.open('/etc/hostname')", "--sandbox"}}) {
+  const std::pair<std::vector<std::string>, const char*> failures[] = {
+      {{"run", Script("fails.lua", "error('script failed')")}, "script failed"},
+      {{"run", dir_.File("missing.lua")}, "missing.lua"},
+      {{"run", spin, "--call", "nothing"}, "RunFunc(): expected type: function, got type: nil"},
+      {{"run", Script("cycle.lua", "local t = {} t[1] = t return t")}, "nested deeper"},
+      // The containment options, on the loaded script and on a call alike.
+      {{"-e", "while true do end", "--timeout", "100"}, ""},
+      {{"run", spin, "--call", "f", "--timeout=100"}, ""},
+      {{"-e", "return ('x'):rep(1 << 28)", "--memory", "1000000"}, ""},
+      {{"-e", "return io.open('/etc/hostname')", "--sandbox"}, ""},
+  };
+  for (const auto& [args, text] : failures) {
     run = Run(args);
     EXPECT_EQ(run.status, 1) << args[1];
-    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.out, "") << args[1];
+    EXPECT_NE(run.err.find(text), std::string::npos) << run.err;
   }
 }
 
