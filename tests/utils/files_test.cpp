@@ -44,6 +44,12 @@ TEST_F(TempDir, AtomicWriteRoundTripsAndKeepsPermissions) {
   ASSERT_TRUE(utils::ReadFile(path, &read));
   EXPECT_EQ(read, "second");
   EXPECT_EQ(Listing(), std::vector<std::string>{"data.bin"});
+
+  // Input chosen by others: the cap is inclusive, and only regular files count.
+  std::string error;
+  EXPECT_TRUE(utils::ReadRegularFile(path, 6, &read, &error)) << error;
+  EXPECT_FALSE(utils::ReadRegularFile(path, 5, &read, &error));
+  EXPECT_FALSE(utils::ReadRegularFile("/dev/zero", 1 << 20, &read, &error));
 }
 
 TEST_F(TempDir, FailedWriteLeavesOldContentAndNoTemporaryFile) {
