@@ -1,7 +1,6 @@
 #include "lua/json.h"
 
 #include <cstdint>
-#include <fstream>
 #include <limits>
 #include <memory>
 #include <string>
@@ -187,17 +186,6 @@ TEST_F(JsonConversion, ScalarsAndStaleHandles) {
   rt_->PopFromStack(1);
   rt_->CreateAtStack(true);
   EXPECT_EQ(ThrownText([&] { number->AsJsonValue(); }), "Invalid reference");
-}
-
-TEST_F(JsonConversion, RunFileTakesJsonArguments) {
-  testsupport::ScratchDir scratch;
-  const std::string path = scratch.File("args.lua");
-  std::ofstream(path) << "return init_data";
-  RunTime::StackCleaner cleaner(rt_);
-  EXPECT_EQ(Text(rt_->RunFile(path, Parse("{\"a\":[1,{}]}"), false).front()->AsJsonValue()), "{\"a\":[1,{}]}");
-  EXPECT_EQ(Text(rt_->RunFile(path, Parse("[]"), false).front()->AsJsonValue()), "[]");
-  EXPECT_EQ(ThrownText([&] { rt_->RunFile(path, Json::Value(5), false); }),
-            "RunImpl(): invalid args type are passed");
 }
 
 }  // namespace

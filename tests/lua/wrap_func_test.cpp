@@ -141,8 +141,6 @@ TEST(Adapter, HostExceptionsBecomeScriptErrors) {
   auto rt = RunTime::Create();
   Expose(rt, "throw", WrapFunc<&Throw>);
   EXPECT_EQ(Eval(rt, "return select(2, pcall(throw, 'input'))"), "Cpp: bad input");
-  const std::string text = ThrownText([&] { rt->RunString("throw('call')", true); });
-  EXPECT_TRUE(StartsWith(text, "Lua: [string \"throw('call')\"]:1: Cpp: bad call\nstack traceback:\n")) << text;
   // A handle error inside a body is a host exception too.
   EXPECT_EQ(Eval(rt, "return select(2, pcall(throw))"), "Cpp: ObjectAtStack(): invalid stack index: 0");
   EXPECT_TRUE(rt->IsValid());
@@ -172,8 +170,6 @@ TEST(Adapter, CleanerInARaisingBodyKeepsTheErrorMessage) {
   auto rt = RunTime::Create();
   Expose(rt, "raise", WrapFunc<&RaiseUnderCleaner>);
   EXPECT_EQ(Eval(rt, "return select(2, pcall(raise, 1, 2, 3))"), "own message");
-  const std::string text = ThrownText([&] { rt->RunString("raise(1, 2, 3)", true); });
-  EXPECT_TRUE(StartsWith(text, "Lua: [string \"raise(1, 2, 3)\"]:1: own message\nstack traceback:\n")) << text;
 }
 
 TEST(Adapter, RaisingBodyReleasesEverythingItHeld) {
