@@ -1,9 +1,6 @@
 #include "lua/json.h"
 
-#include <unistd.h>
-
 #include <cstdint>
-#include <fstream>
 #include <limits>
 #include <memory>
 #include <string>
@@ -189,17 +186,6 @@ TEST_F(JsonConversion, ScalarsAndStaleHandles) {
   rt_->PopFromStack(1);
   rt_->CreateAtStack(true);
   EXPECT_EQ(ThrownText([&] { number->AsJsonValue(); }), "Invalid reference");
-}
-
-TEST_F(JsonConversion, RunFileTakesJsonArguments) {
-  const std::string path = std::string(CORVANE_BINARY_DIR) + "/json_args_" + std::to_string(::getpid()) + ".lua";
-  std::ofstream(path) << "return init_data";
-  RunTime::StackCleaner cleaner(rt_);
-  EXPECT_EQ(Text(rt_->RunFile(path, Parse("{\"a\":[1,{}]}"), false).front()->AsJsonValue()), "{\"a\":[1,{}]}");
-  EXPECT_EQ(Text(rt_->RunFile(path, Parse("[]"), false).front()->AsJsonValue()), "[]");
-  EXPECT_EQ(ThrownText([&] { rt_->RunFile(path, Json::Value(5), false); }),
-            "RunImpl(): invalid args type are passed");
-  std::remove(path.c_str());
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "lua/module_context.h"
 
-#include <unistd.h>
-
 #include <atomic>
 #include <cstdio>
 #include <memory>
@@ -24,12 +22,7 @@ using lua_test::StartsWith;
 
 class ModuleContext : public ::testing::Test {
  protected:
-  void SetUp() override {
-    lua::RegisterJsonLib();
-    path_ = std::string(CORVANE_BINARY_DIR) + "/module_" + std::to_string(::getpid()) + "_" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".lua";
-  }
-  void TearDown() override { std::remove(path_.c_str()); }
+  void SetUp() override { lua::RegisterJsonLib(); }
 
   // Each version differs in length from the last, so that a rewrite within
   // one tick of the file system clock is still seen.
@@ -43,7 +36,8 @@ class ModuleContext : public ::testing::Test {
     return lock.GetRuntime()->RunFunc(function, {}).front()->AsInteger();
   }
 
-  std::string path_;
+  testsupport::ScratchDir scratch_;
+  const std::string path_ = scratch_.File("module.lua");
 };
 
 TEST_F(ModuleContext, WithoutScriptLoadsABareRuntimeWithTheLibraries) {

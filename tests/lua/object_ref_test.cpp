@@ -1,5 +1,6 @@
 #include "lua/object_ref.h"
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -128,6 +129,37 @@ TEST(TableAccess, RawReadsAddOneSlotAndWritesHonourMetamethods) {
   rt->PopFromStack(rt->StackTopIndex() - table->StackIndex() + 1);
   rt->CreateAtStack(1);
   EXPECT_EQ(ThrownText([&] { table->Get("a"); }), "Invalid reference");  // never a raw read of a number
+}
+
+// Writes, lengths and texts run metamethods, unprotected when the host calls
+// them directly: a raising one is then a panic that the host gets as an
+// exception, never an abort. Inside a native function it is a script error.
+TEST(TableAccess, RaisingMetamethodsPanicInTheHostAndFailTheCallInAFunction) {
+  const std::string meta = "setmetatable({}, {__newindex = fail, __len = fail, __tostring = fail})";
+  using Handle = boost::shared_ptr<TableRef>;
+  const std::vector<std::function<void(const Handle&)>> operations = {
+      [](const Handle& t) { t->Set("k", 1); }, [](const Handle& t) { t->Len(); }, [](const Handle& t) { t->AsString(); }};
+  for (const auto& operation : operations) {
+    for (bool inFunction : {false, true}) {
+      auto rt = RunTime::Create();
+      RunTime::StackCleaner cleaner(rt);
+      lua::NativeFunction call = [&](boost::shared_ptr<RunTime>& inner,
+                                     const std::vector<boost::shared_ptr<ObjectRef>>& args) {
+        operation(args[0]->AsTableRef());
+        return inner->VoidResult();
+      };
+      rt->SetGlobalObject("call", rt->CreateAtStack(call));
+      rt->RunString("function fail() error('meta failed', 0) end", true);
+      if (inFunction) {
+        EXPECT_EQ(rt->RunString("return select(2, pcall(call, " + meta + "))", false).front()->AsString(),
+                  "meta failed");
+        EXPECT_EQ(rt->RunString("return 6 * 7", false).front()->AsInteger(), 42);
+      } else {
+        EXPECT_THROW(operation(rt->RunString("return " + meta, false).front()->AsTableRef()), lua::RunTimePanic);
+      }
+      EXPECT_EQ(rt->IsValid(), inFunction);
+    }
+  }
 }
 
 TEST(Iterators, FullWalkVisitsEveryPairAndLeavesTheStackAsItStarted) {

@@ -1,8 +1,5 @@
 #include "lua/runtime.h"
 
-#include <unistd.h>
-
-#include <cstdio>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -10,6 +7,7 @@
 #include <vector>
 
 #include <boost/pointer_cast.hpp>
+#include <json/value.h>
 
 #include "lua/script_test_util.h"
 #include "utils/files.h"
@@ -42,7 +40,8 @@ TEST(RunTime, EveryArgumentFormArrivesInInitData) {
   RunTime::StackCleaner cleaner(rt);
   const std::string join = "local t = {} for i, v in ipairs(init_data) do t[i] = tostring(v) end "
                            "return table.concat(t, ',')";
-  const std::string path = std::string(CORVANE_BINARY_DIR) + "/runtime_test_" + std::to_string(::getpid()) + ".lua";
+  testsupport::ScratchDir scratch;
+  const std::string path = scratch.File("join.lua");
   std::ofstream(path) << join;
   auto run = [&](const Handles& results) { return results.back()->AsString(); };
 
@@ -53,6 +52,11 @@ TEST(RunTime, EveryArgumentFormArrivesInInitData) {
   const char* argv[] = {"p", "q", "r"};
   EXPECT_EQ(run(rt->RunFile(path, 3, argv, false)), "p,q,r");
   EXPECT_EQ(run(rt->RunFile(path, false)), "");
+  Json::Value json(Json::arrayValue);
+  json.append("j1");
+  json.append(2);
+  EXPECT_EQ(run(rt->RunFile(path, json, false)), "j1,2");
+  EXPECT_EQ(ThrownText([&] { rt->RunFile(path, Json::Value(5), false); }), "RunImpl(): invalid args type are passed");
   auto table = rt->RunString("return {'t1', 't2'}", false).back()->AsTableRef();
   EXPECT_EQ(run(rt->RunFile(path, table, false)), "t1,t2");
 
@@ -60,7 +64,6 @@ TEST(RunTime, EveryArgumentFormArrivesInInitData) {
   rt->PopFromStack(rt->StackTopIndex() - table->StackIndex() + 1);
   rt->CreateAtStack(5);
   EXPECT_EQ(ThrownText([&] { rt->RunFile(path, table, false); }), "RunImpl(): invalid args type are passed");
-  std::remove(path.c_str());
 }
 
 TEST(RunTime, RunFuncCallsAGlobalOrAHandleWithArguments) {

@@ -1,10 +1,8 @@
 // Small helpers shared by the script runtime and script library tests.
 #pragma once
 
-#include <cstdlib>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -14,7 +12,7 @@
 
 #include "lua/object_ref.h"
 #include "lua/runtime.h"
-#include "zullog/zullog.h"
+#include "support/shared.h"
 
 namespace lua_test {
 
@@ -61,39 +59,16 @@ class ScriptTest : public ::testing::Test {
   boost::shared_ptr<lua::RunTime> rt_ = lua::RunTime::Create();
 };
 
-// Records "<severity> <text>" of every log record while installed.
-class CaptureSink : public zullog::AbstractLogger {
+// The shared recording sink, its lines read as "<severity> <text>".
+class CaptureSink : public testsupport::RecordingSink {
  public:
-  bool IsEnabledFor(int) const override { return true; }
-  void Write(const std::shared_ptr<zullog::LogRecord>& record) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.push_back(std::to_string(record->GetSeverity()) + " " + record->Text());
+  std::vector<std::string> Lines() const {
+    std::vector<std::string> lines;
+    for (const auto& record : Records()) lines.push_back(std::to_string(record.first) + " " + record.second);
+    return lines;
   }
-  std::vector<std::string> Lines() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
 };
 
-// Sets an environment variable for one scope and puts the old value back.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const char* value) : name_(name) {
-    const char* old = std::getenv(name);
-    had_ = old != nullptr;
-    if (had_) old_ = old;
-    ::setenv(name, value, 1);
-  }
-  ~ScopedEnv() { had_ ? ::setenv(name_.c_str(), old_.c_str(), 1) : ::unsetenv(name_.c_str()); }
-
- private:
-  std::string name_;
-  std::string old_;
-  bool had_ = false;
-};
+using testsupport::ScopedEnv;
 
 }  // namespace lua_test

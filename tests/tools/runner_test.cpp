@@ -1,74 +1,29 @@
 // The corvane runner run on script files: exit status, standard output and
 // standard error.
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-extern char** environ;
+#include "support/shared.h"
 
 namespace {
 
-struct Outcome {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
+using Outcome = testsupport::ProcessOutcome;
 
 class Runner : public ::testing::Test {
  protected:
-  void SetUp() override {
-    dir_ = std::string(CORVANE_BINARY_DIR) + "/runner_" + std::to_string(::getpid()) + "_" +
-           ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::filesystem::create_directories(dir_);
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-
   std::string Script(const std::string& name, const std::string& code) {
-    const std::string path = dir_ + "/" + name;
-    std::ofstream(path) << code;
-    return path;
+    std::ofstream(dir_.File(name)) << code;
+    return dir_.File(name);
   }
-
   Outcome Run(std::vector<std::string> args, const std::string& input = "") {
     args.insert(args.begin(), CORVANE_RUNNER);
-    std::vector<char*> argv;
-    for (std::string& arg : args) argv.push_back(&arg[0]);
-    argv.push_back(nullptr);
-    const std::string outPath = dir_ + "/stdout";
-    const std::string errPath = dir_ + "/stderr";
-    const std::string inPath = Script("stdin", input);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, inPath.c_str(), O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    pid_t pid = 0;
-    Outcome outcome;
-    const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) return outcome;
-    int status = 0;
-    if (waitpid(pid, &status, 0) == pid && WIFEXITED(status)) outcome.status = WEXITSTATUS(status);
-    outcome.out = Read(outPath);
-    outcome.err = Read(errPath);
-    return outcome;
+    return testsupport::RunProcess(args, input, dir_.Path());
   }
 
-  static std::string Read(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
-
-  std::string dir_;
+  testsupport::ScratchDir dir_;
 };
 
 TEST_F(Runner, PrintsTheResultsAsOneJsonArray) {
@@ -129,32 +84,23 @@ TEST_F(Runner, ErrorsExitWithOne) {
   EXPECT_EQ(run.err.rfind("LuaModuleContext: runtime init error: Lua: ", 0), 0u) << run.err;
   EXPECT_NE(run.err.find("broken.lua:1:"), std::string::npos) << run.err;
 
-  run = Run({"run", Script("fails.lua", "error('script failed')")});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_NE(run.err.find("script failed"), std::string::npos);
-
-  run = Run({"run", dir_ + "/missing.lua"});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_NE(run.err.find("missing.lua"), std::string::npos);
-
-  run = Run({"run", Script("ok.lua", "return 1"), "--call", "nothing"});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_NE(run.err.find("RunFunc(): expected type: function, got type: nil"), std::string::npos);
-
-  run = Run({"run", Script("cycle.lua", "local t = {} t[1] = t return t")});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_NE(run.err.find("nested deeper"), std::string::npos);
-
-  // The containment options, on the loaded script and on a call alike.
   const std::string spin = Script("spin.lua", "function f() while true do end end");
-  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-           {"-e", "while true do end", "--timeout", "100"},
-           {"run", spin, "--call", "f", "--timeout=100"},
-           {"-e", "return ('x'):rep(1 << 28)", "--memory", "1000000"},
-           {"-e", "return io.open('/etc/hostname')", "--sandbox"}}) {
+  const std::pair<std::vector<std::string>, const char*> failures[] = {
+      {{"run", Script("fails.lua", "error('script failed')")}, "script failed"},
+      {{"run", dir_.File("missing.lua")}, "missing.lua"},
+      {{"run", spin, "--call", "nothing"}, "RunFunc(): expected type: function, got type: nil"},
+      {{"run", Script("cycle.lua", "local t = {} t[1] = t return t")}, "nested deeper"},
+      // The containment options, on the loaded script and on a call alike.
+      {{"-e", "while true do end", "--timeout", "100"}, ""},
+      {{"run", spin, "--call", "f", "--timeout=100"}, ""},
+      {{"-e", "return ('x'):rep(1 << 28)", "--memory", "1000000"}, ""},
+      {{"-e", "return io.open('/etc/hostname')", "--sandbox"}, ""},
+  };
+  for (const auto& [args, text] : failures) {
     run = Run(args);
     EXPECT_EQ(run.status, 1) << args[1];
-    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.out, "") << args[1];
+    EXPECT_NE(run.err.find(text), std::string::npos) << run.err;
   }
 }
 

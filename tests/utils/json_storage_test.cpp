@@ -1,37 +1,26 @@
 #include "utils/json_storage.h"
 
-#include <stdlib.h>
-
-#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "support/shared.h"
 #include "utils/files.h"
 
 namespace {
 
 class JsonStore : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern =
-        (std::filesystem::temp_directory_path() / "corvane-store-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(&pattern[0]), nullptr);
-    dir_ = pattern;
-    path_ = dir_ + "/store.json";
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-
   std::string FileText() const {
     std::string text;
     EXPECT_TRUE(utils::ReadFile(path_, &text));
     return text;
   }
 
-  std::string dir_;
-  std::string path_;
+  testsupport::ScratchDir scratch_;
+  const std::string path_ = scratch_.File("store.json");
 };
 
 TEST_F(JsonStore, SavedValuesComeBackInANewStore) {

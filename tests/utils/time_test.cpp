@@ -1,38 +1,29 @@
 #include "utils/time.h"
 
-#include <stdlib.h>
 #include <time.h>
 
+#include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
+
+#include "support/shared.h"
 
 namespace {
 
 // Runs a test under a fixed zone and puts the caller's TZ back afterwards.
 class LocalZone : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const char* tz = ::getenv("TZ");
-    hadTz_ = tz != nullptr;
-    if (hadTz_) savedTz_ = tz;
-    // A POSIX rule needs no tzdata: Central European Time with summer time
-    // from the last Sunday of March 02:00 to the last Sunday of October 03:00.
-    ::setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
-    ::tzset();
-  }
+  void SetUp() override { ::tzset(); }
   void TearDown() override {
-    if (hadTz_) {
-      ::setenv("TZ", savedTz_.c_str(), 1);
-    } else {
-      ::unsetenv("TZ");
-    }
+    tz_.reset();
     ::tzset();
   }
 
- private:
-  bool hadTz_ = false;
-  std::string savedTz_;
+  // A POSIX rule needs no tzdata: Central European Time with summer time
+  // from the last Sunday of March 02:00 to the last Sunday of October 03:00.
+  std::unique_ptr<testsupport::ScopedEnv> tz_ =
+      std::make_unique<testsupport::ScopedEnv>("TZ", "CET-1CEST,M3.5.0,M10.5.0/3");
 };
 
 // Callers hand LeftMs() straight to poll-style waits, so "no wait" and
