@@ -248,10 +248,12 @@ TEST_F(HttpLib, RequestAllRunsRequestsSideBySideInOrder) {
 }
 
 TEST_F(HttpLib, ProxyTableIsHonoured) {
-  nettest::Tinyproxy proxy(servers_->dir.Path(), {servers_->site.HttpsPort()});
-  EXPECT_EQ(Run("local ok, r = http.get{url = 'NGINX/files/65536', proxy = {host = '127.0.0.1', port = " +
-                std::to_string(proxy.Port()) + ", protocol = 'http'}} return #r.output"),
+  const std::string proxy = "proxy = {host = '127.0.0.1', port = " + std::to_string(servers_->peer.SocksPort()) +
+                            ", protocol = 'socks5', login = 'alice', password = ";
+  EXPECT_EQ(Run("local ok, r = http.get{url = 'NGINX/files/65536', " + proxy + "'secret'}} return #r.output"),
             "65536");
+  EXPECT_EQ(Run("local r, e = http.request{url = 'NGINX/files/1024', " + proxy + "'wrong'}} return e:sub(1, 6)"),
+            "proxy:");
   EXPECT_EQ(Raised("http.get", "{url = 'NGINX/files/1024', proxy = {host = '127.0.0.1', protocol = 'gopher'}}"),
             "false: Bad argument: unknown proxy protocol 'gopher'");
 }

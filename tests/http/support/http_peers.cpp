@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
 #include <thread>
@@ -25,7 +26,7 @@ PythonPeer::PythonPeer(const std::string& directory) {
     if (!process_->Running()) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  port_ = std::atoi(nettest::ReadFile(ready).c_str());
+  if (sscanf(nettest::ReadFile(ready).c_str(), "%d %d", &port_, &socksPort_) != 2) port_ = 0;
   if (port_ <= 0) throw std::runtime_error("python peer did not start: " + nettest::ReadFile(directory + "/python.log"));
 }
 
