@@ -126,10 +126,12 @@ TEST(Socks5Tunnel, SilentProxiesAndOversizedFields) {
       utils::ConnectThroughProxy(std::string(256, 'a'), 80, socks5, &unconnected, 100, &error),
       Client::ErrorFailed);
   EXPECT_EQ(error, "Target host name too long for a SOCKS5 proxy");
-  EXPECT_EQ(
-      utils::ConnectThroughProxy("a", 80, Proxy(utils::NetProxyTypeSocks5, std::string(256, 'u')),
-                                 &unconnected, 100, &error),
-      Client::ErrorFailed);
+  for (const auto& proxy : {Proxy(utils::NetProxyTypeSocks5, std::string(256, 'u')),
+                            Proxy(utils::NetProxyTypeSocks5, "u", std::string(256, 'p'))}) {
+    error.clear();
+    EXPECT_EQ(utils::ConnectThroughProxy("a", 80, proxy, &unconnected, 100, &error), Client::ErrorFailed);
+    EXPECT_EQ(error, "Proxy credentials too long for SOCKS5");
+  }
 }
 
 TEST(HttpConnectTunnel, RequestCarriesTargetAndCredentialsAndTunnelBytesSurvive) {
@@ -190,6 +192,7 @@ TEST(HttpConnectTunnel, TargetsThatWouldInjectHeaderLinesAreRefusedBeforeSending
   Client unconnected;
   std::string error;
   for (const char* host : {"a\r\nX-Injected: 1", "a b", "", "tab\there"}) {
+    error.clear();
     EXPECT_EQ(utils::ConnectThroughProxy(host, 80, Proxy(utils::NetProxyTypeHttp), &unconnected,
                                          100, &error),
               Client::ErrorFailed);
