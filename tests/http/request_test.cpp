@@ -144,6 +144,8 @@ TEST_F(HttpRequest, CredentialsStayWithTheirOriginAcrossRedirects) {
       {"https://bob:pw@" + viaHttps, false, utils::HttpRequestRedirectRefused, false},
       {"https://" + viaHttps, true, utils::HttpRequestRedirectRefused, false},
   };
+  // Same host and port, other scheme: another origin.
+  EXPECT_EQ(Get("http://bob:pw@localhost:" + std::to_string(servers_->site.HttpsPort()) + "/private/secret"), 401);
   for (const auto& c : cases) {
     utils::HttpRequestParams params;
     params.headers.AddValue("X-Keep", "1");

@@ -68,7 +68,8 @@ NginxSite::NginxSite(const std::string& directory) {
   nettest::Nginx::Server secure;
   secure.certificate = leaf.certificate;
   secure.key = leaf.key;
-  secure.extra = extra;
+  // Plain HTTP to the TLS port is sent on to TLS on the same port.
+  secure.extra = extra + "    error_page 497 =307 https://$host:$server_port$request_uri;\n";
   nginx_.reset(new nettest::Nginx(directory, {plain, secure}));
 }
 
