@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <climits>
 #include <cstdio>
 
@@ -26,6 +25,7 @@
 #include "utils/http/body_files.h"
 #include "utils/http/connection_pool.h"
 #include "utils/net/base_socket_client.h"
+#include "utils/url.h"
 
 namespace {
 
@@ -367,16 +367,6 @@ TEST_F(HttpRequest, GoesThroughHttpAndSocks5ProxiesWithTheirCredentials) {
 
 // Answers written out byte for byte by the peer's /raw (which closes after
 // them) and /held (which keeps the connection open).
-std::string Percent(const std::string& text) {
-  std::string out;
-  char buffer[4];
-  for (unsigned char c : text) {
-    snprintf(buffer, sizeof(buffer), "%%%02X", c);
-    out += std::isalnum(c) ? std::string(1, static_cast<char>(c)) : buffer;
-  }
-  return out;
-}
-
 TEST_F(HttpRequest, FramesAndFollowsAnswersAsTheyCome) {
   const std::string port = std::to_string(servers_->peer.Port());
   const std::string ok = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
@@ -397,7 +387,7 @@ TEST_F(HttpRequest, FramesAndFollowsAnswersAsTheyCome) {
       {"/a/b/raw", moved("/echo"), 200, "GET /echo HTTP/1.1"},
       {"/a/b/raw", moved("//127.0.0.1:" + port + "/d/echo"), 200, "GET /d/echo HTTP/1.1"},
       {"/a/b/raw", moved("HTTP://127.0.0.1:" + port + "/e/echo"), 200, "GET /e/echo HTTP/1.1"},
-      {"/a/b/raw", moved("?" + Percent(ok)), 200, "ok"},
+      {"/a/b/raw", moved("?" + utils::UrlEscape(ok)), 200, "ok"},
       {"/a/b/raw", moved(""), 302, ""},
       {"/a/b/raw", moved("ftp://127.0.0.1/x"), utils::HttpRequestBadUrl, "redirected"},
       // 101 ends the exchange: no body is waited for, whatever follows.
@@ -424,7 +414,7 @@ TEST_F(HttpRequest, FramesAndFollowsAnswersAsTheyCome) {
   params.keepAlive = false;  // a held connection must not be asked again
   for (const auto& c : cases) {
     const auto start = Clock::now();
-    const int result = Get(servers_->peer.Url(std::string(c.path) + "?" + Percent(c.answer)), params);
+    const int result = Get(servers_->peer.Url(std::string(c.path) + "?" + utils::UrlEscape(c.answer)), params);
     const std::string where = c.answer.substr(0, 70);
     EXPECT_LT(ElapsedMs(start), 1500) << where;
     EXPECT_EQ(result, c.expected) << where << ": " << response_.ErrorText();
