@@ -48,7 +48,7 @@ def main(runner, root):
         peer = subprocess.Popen([sys.executable, str(root / "tests/http/fixtures/http_peer.py"), str(ready)])
         while not ready.exists() and peer.poll() is None:
             time.sleep(0.05)
-        address = "127.0.0.1:" + (ready.read_text() if ready.exists() else "0")
+        address = "127.0.0.1:" + (ready.read_text().split()[0] if ready.exists() else "0")
         for page in sorted((root / "docs").glob("*.md")) + [root / "README.md"]:
             text = page.read_text()
             for block in BLOCK.finditer(text):

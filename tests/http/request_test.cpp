@@ -21,17 +21,16 @@
 #include <gtest/gtest.h>
 
 #include "http/support/http_peers.h"
+#include "net/test_helpers.h"
 #include "utils/http/body_files.h"
 #include "utils/http/connection_pool.h"
 #include "utils/net/base_socket_client.h"
+#include "utils/url.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-long ElapsedMs(Clock::time_point start) {
-  return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
-}
+using nettest::Clock;
+using nettest::ElapsedMs;
 
 class HttpRequest : public ::testing::Test {
  protected:
@@ -145,6 +144,8 @@ TEST_F(HttpRequest, CredentialsStayWithTheirOriginAcrossRedirects) {
       {"https://bob:pw@" + viaHttps, false, utils::HttpRequestRedirectRefused, false},
       {"https://" + viaHttps, true, utils::HttpRequestRedirectRefused, false},
   };
+  // Same host and port, other scheme: another origin.
+  EXPECT_EQ(Get("http://bob:pw@localhost:" + std::to_string(servers_->site.HttpsPort()) + "/private/secret"), 401);
   for (const auto& c : cases) {
     utils::HttpRequestParams params;
     params.headers.AddValue("X-Keep", "1");
@@ -316,18 +317,113 @@ TEST_F(HttpRequest, CancelFromAnotherThreadEndsTheRequestAtOnce) {
   canceller.join();
 }
 
-TEST_F(HttpRequest, GoesThroughTinyproxy) {
-  nettest::Tinyproxy proxy(servers_->dir.Path(), {servers_->site.HttpsPort()});
+TEST_F(HttpRequest, GoesThroughHttpAndSocks5ProxiesWithTheirCredentials) {
+  const std::vector<int> tunnelPorts = {servers_->site.HttpsPort()};
+  nettest::Tinyproxy open(servers_->dir.Path(), tunnelPorts);
+  const std::string guardedDir = servers_->dir.Path() + "/guarded";
+  mkdir(guardedDir.c_str(), 0755);
+  nettest::Tinyproxy guarded(guardedDir, tunnelPorts, "user", "secret");
+  const int closed = nettest::FreePort(2);
+  const std::string plain = servers_->peer.Url("/echo");
+  const std::string secure = servers_->site.HttpsUrl("localhost", "/files/65536");
+  const struct {
+    utils::NetProxyType type;
+    int port;
+    const char* login;
+    const char* password;
+    const std::string& url;
+    int expected;
+  } cases[] = {
+      // Plain HTTP goes in absolute form, HTTPS through a CONNECT tunnel.
+      {utils::NetProxyTypeHttp, open.Port(), "", "", plain, 200},
+      {utils::NetProxyTypeHttp, open.Port(), "", "", secure, 200},
+      {utils::NetProxyTypeHttp, guarded.Port(), "user", "secret", plain, 200},
+      {utils::NetProxyTypeHttp, guarded.Port(), "user", "secret", secure, 200},
+      {utils::NetProxyTypeHttp, guarded.Port(), "", "", plain, 401},  // tinyproxy's own answer
+      {utils::NetProxyTypeHttp, guarded.Port(), "user", "guess", secure, utils::HttpRequestProxyFailed},
+      {utils::NetProxyTypeHttp, closed, "", "", plain, utils::HttpRequestProxyFailed},
+      {utils::NetProxyTypeSocks5, servers_->peer.SocksPort(), "", "", plain, 200},
+      {utils::NetProxyTypeSocks5, servers_->peer.SocksPort(), "", "", secure, 200},
+      {utils::NetProxyTypeSocks5, servers_->peer.SocksPort(), "alice", "secret", plain, 200},
+      {utils::NetProxyTypeSocks5, servers_->peer.SocksPort(), "alice", "wrong", plain, utils::HttpRequestProxyFailed},
+  };
+  for (const auto& c : cases) {
+    utils::ClearThreadHttpConnections();
+    utils::HttpRequestParams params;
+    params.proxy = {"127.0.0.1", static_cast<unsigned short>(c.port), c.login, c.password, c.type};
+    params.headers.AddValue("Proxy-Authorization", "Basic Y2FsbGVyOnB3");
+    const std::string where = std::to_string(c.port) + " " + c.login + ":" + c.password + " " + c.url;
+    ASSERT_EQ(Get(c.url, params), c.expected) << where << ": " << response_.ErrorText();
+    if (c.expected != 200) continue;
+    if (&c.url == &secure) {
+      EXPECT_EQ(body_, httptest::NginxSite::FileContent(65536)) << where;
+    } else {
+      EXPECT_EQ(body_.compare(0, 20, "GET /echo HTTP/1.1\r\n"), 0) << where << body_;
+      // Whatever is meant for a proxy never reaches the server through a tunnel.
+      EXPECT_TRUE(c.type != utils::NetProxyTypeSocks5 || body_.find("Proxy-Authorization") == std::string::npos);
+    }
+  }
+}
+
+// Answers written out byte for byte by the peer's /raw (which closes after
+// them) and /held (which keeps the connection open).
+TEST_F(HttpRequest, FramesAndFollowsAnswersAsTheyCome) {
+  const std::string port = std::to_string(servers_->peer.Port());
+  const std::string ok = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
+  const int kBadFraming = utils::HttpRequestProtocolError;
+  auto moved = [](const std::string& location) {
+    return "HTTP/1.1 302 Found\r\nLocation: " + location + "\r\nContent-Length: 0\r\n\r\n";
+  };
+  const struct {
+    const char* path;
+    std::string answer;
+    int expected;
+    std::string body;  // its start, or a word of the error text
+  } cases[] = {
+      // Every form a Location may take, resolved against /a/b/raw.
+      {"/a/b/raw", moved("echo"), 200, "GET /a/b/echo HTTP/1.1"},
+      {"/a/b/raw", moved("./echo?x=1"), 200, "GET /a/b/echo?x=1 HTTP/1.1"},
+      {"/a/b/raw", moved("../../c/./echo"), 200, "GET /c/echo HTTP/1.1"},
+      {"/a/b/raw", moved("/echo"), 200, "GET /echo HTTP/1.1"},
+      {"/a/b/raw", moved("//127.0.0.1:" + port + "/d/echo"), 200, "GET /d/echo HTTP/1.1"},
+      {"/a/b/raw", moved("HTTP://127.0.0.1:" + port + "/e/echo"), 200, "GET /e/echo HTTP/1.1"},
+      {"/a/b/raw", moved("?" + utils::UrlEscape(ok)), 200, "ok"},
+      {"/a/b/raw", moved(""), 302, ""},
+      {"/a/b/raw", moved("ftp://127.0.0.1/x"), utils::HttpRequestBadUrl, "redirected"},
+      // 101 ends the exchange: no body is waited for, whatever follows.
+      {"/held", "HTTP/1.1 101 Switching Protocols\r\nUpgrade: x\r\nConnection: Upgrade\r\n\r\nbytes", 101, ""},
+      {"/held", "HTTP/1.1 100 Continue\r\n\r\n" + ok, 200, "ok"},
+      // A length that cannot be trusted frames nothing.
+      {"/raw", "HTTP/1.1 200 OK\r\nContent-Length: 5\r\nContent-Length: 5\r\n\r\nhello", 200, "hello"},
+      {"/raw", "HTTP/1.1 200 OK\r\nContent-Length: 5, 5\r\n\r\nhello", 200, "hello"},
+      {"/raw", "HTTP/1.1 200 OK\r\nContent-Length: 5\r\nContent-Length: 4\r\n\r\nhello", kBadFraming, "Content-Length"},
+      {"/raw", "HTTP/1.1 200 OK\r\nContent-Length: 4, 5\r\n\r\nhello", kBadFraming, "Content-Length"},
+      {"/raw", "HTTP/1.1 200 OK\r\nContent-Length: five\r\n\r\nhello", kBadFraming, "Content-Length"},
+      {"/raw", "HTTP/1.1 200 OK\r\nContent-Length: +5\r\n\r\nhello", kBadFraming, "Content-Length"},
+      {"/raw", "HTTP/1.1 200 OK\r\nContent-Length: -5\r\n\r\nhello", kBadFraming, "Content-Length"},
+      {"/raw", "HTTP/1.1 200 OK\r\nContent-Length: \r\n\r\nhello", kBadFraming, "Content-Length"},
+      {"/raw", "HTTP/1.1 200 OK\r\nContent-Length: 99999999999999999999\r\n\r\nhello", kBadFraming, "Content-Length"},
+      // Transfer-Encoding wins over Content-Length, whatever the order.
+      {"/raw", "HTTP/1.1 200 OK\r\nContent-Length: 3\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n",
+       200, "hello"},
+      {"/held", "HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip, chunked\r\nContent-Length: 99\r\n\r\n2\r\nhi\r\n0\r\n\r\n",
+       200, "hi"},
+  };
   utils::HttpRequestParams params;
-  params.proxy.host = "127.0.0.1";
-  params.proxy.port = static_cast<unsigned short>(proxy.Port());
-  // Plain HTTP goes in absolute form, HTTPS through a CONNECT tunnel.
-  ASSERT_EQ(Get(servers_->site.HttpUrl("/files/65536"), params), 200);
-  EXPECT_EQ(body_, httptest::NginxSite::FileContent(65536));
-  ASSERT_EQ(Get(servers_->site.HttpsUrl("localhost", "/files/1000000"), params), 200);
-  EXPECT_EQ(body_, httptest::NginxSite::FileContent(1000000));
-  params.proxy.port = static_cast<unsigned short>(nettest::FreePort(2));
-  EXPECT_EQ(Get(servers_->site.HttpUrl("/files/1024"), params), utils::HttpRequestProxyFailed);
+  params.timeoutMs = 2000;
+  params.keepAlive = false;  // a held connection must not be asked again
+  for (const auto& c : cases) {
+    const auto start = Clock::now();
+    const int result = Get(servers_->peer.Url(std::string(c.path) + "?" + utils::UrlEscape(c.answer)), params);
+    const std::string where = c.answer.substr(0, 70);
+    EXPECT_LT(ElapsedMs(start), 1500) << where;
+    EXPECT_EQ(result, c.expected) << where << ": " << response_.ErrorText();
+    if (result < 0) {
+      EXPECT_NE(response_.ErrorText().find(c.body), std::string::npos) << where << ": " << response_.ErrorText();
+    } else {
+      EXPECT_EQ(body_.compare(0, c.body.size(), c.body), 0) << where << ": " << body_;
+    }
+  }
 }
 
 // "<connection> <request on it>" from the peer's /keep, "<connection>

@@ -1,11 +1,7 @@
-// The "base64" library as scripts see it, against RFC 4648's vectors and
-// OpenSSL's encoder.
-#include <random>
+// The "base64" library as scripts see it.
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <openssl/evp.h>
 
 #include "lua/libs/libs.h"
 #include "lua/script_test_util.h"
@@ -34,28 +30,15 @@ TEST_F(Base64Lib, Rfc4648VectorsAndByteArrays) {
   }
 }
 
-TEST_F(Base64Lib, AgreesWithOpenSslOnRandomBytes) {
-  std::mt19937 rng(7);
-  for (size_t size : {1, 2, 3, 31, 32, 33, 95, 96, 97, 1000, 65537}) {
-    std::string bytes(size, '\0');
-    for (char& c : bytes) c = static_cast<char>(rng());
-    std::string expected(4 * ((size + 2) / 3) + 1, '\0');
-    expected.resize(static_cast<size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&expected[0]),
-                                                        reinterpret_cast<const unsigned char*>(bytes.data()),
-                                                        static_cast<int>(size))));
-    {
-      lua::RunTime::StackCleaner cleaner(rt_);
-      lua_pushlstring(rt_->State(), bytes.data(), bytes.size());
-      rt_->SetGlobalObject("data", rt_->ObjectAtStackTop());
-    }
-    EXPECT_EQ(Eval("return base64.encode(data)"), expected) << size;
-    EXPECT_EQ(Eval("local t = {} for i = 1, #data do t[i] = data:byte(i) end "
-                   "local s = base64.encode(data) local back = base64.decode(s, true) "
-                   "for i = 1, #data do if back[i] ~= t[i] then return false end end "
-                   "return base64.encode(t) == s, base64.decode(s) == data, #back == #data"),
-              "true | true | true")
-        << size;
-  }
+// The encoding itself is checked against OpenSSL in the utils tests; here
+// strings and byte arrays must travel both ways unchanged.
+TEST_F(Base64Lib, StringsAndByteArraysRoundTrip) {
+  EXPECT_EQ(Eval("local data = '' for i = 0, 600 do data = data .. string.char((i * 37) % 256) end "
+                 "for n = 1, #data, 31 do local d = data:sub(1, n) local s = base64.encode(d) "
+                 "local t = {d:byte(1, -1)} local back = base64.decode(s, true) "
+                 "if (base64.decode(s) ~= d or base64.encode(t) ~= s "
+                 "or table.concat(back, ',') ~= table.concat(t, ',')) then return n end end return 'ok'"),
+            "ok");
   // Long byte arrays must not exhaust the script stack.
   EXPECT_EQ(Eval("local t = {} for i = 1, 1100000 do t[i] = i end "
                  "local s = base64.encode(t) return #s, #base64.decode(s, true)"),

@@ -91,10 +91,9 @@ TEST_F(HttpLib, AcceptDefaultOnlyWhenOptionsIsATable) {
 TEST_F(HttpLib, ResultTableHasStatusHeadAndBody) {
   EXPECT_EQ(Run("local ok, r = http.get{url = 'PEER/duplicate-headers'}\n"
                 "return table.concat({tostring(ok), r.code, r.codeDescr, r.httpVersion, r.output,\n"
-                "  r.options['X-Dup'][1], r.options['X-Dup'][2], #r.options['X-Dup'], r.options['X-Once']}, ',')"),
-            "true,200,OK,1.1,dup,b,a,2,1");
+                "  r.options['X-Dup'][1], r.options['X-Dup'][3], #r.options['X-Dup'], r.options['X-Once']}, ',')"),
+            "true,200,OK,1.1,dup,c,a,3,1");
   EXPECT_EQ(Run("local ok, r = http.performRequest{method = 'GET', url = 'NGINX/nothing'} return r.code"), "404");
-  EXPECT_EQ(Run("local ok, r = http.get{url = 'NGINX/files/1000000'} return #r.output"), "1000000");
   EXPECT_EQ(Run("local ok, r = http.get{url = 'PEER/redirect?302&/echo', allowRedirect = false}\n"
                 "return r.code .. ' ' .. r.options.Location"),
             "302 /echo");
@@ -121,9 +120,6 @@ TEST_F(HttpLib, CredentialsNeedAUserName) {
   EXPECT_NE(Run("local ok, r = http.get{url = 'PEER/echo', username = 'bob', password = 'pw'} return r.output")
                 .find("Authorization: Basic Ym9iOnB3\r\n"),
             std::string::npos);
-  EXPECT_EQ(Run("local ok, r = http.get{url = 'PEER/digest', username = 'alice', password = 'secret'}\n"
-                "return r.output"),
-            "digest ok");
 }
 
 // The specified functions answer any failure with false alone; request
@@ -248,10 +244,12 @@ TEST_F(HttpLib, RequestAllRunsRequestsSideBySideInOrder) {
 }
 
 TEST_F(HttpLib, ProxyTableIsHonoured) {
-  nettest::Tinyproxy proxy(servers_->dir.Path(), {servers_->site.HttpsPort()});
-  EXPECT_EQ(Run("local ok, r = http.get{url = 'NGINX/files/65536', proxy = {host = '127.0.0.1', port = " +
-                std::to_string(proxy.Port()) + ", protocol = 'http'}} return #r.output"),
+  const std::string proxy = "proxy = {host = '127.0.0.1', port = " + std::to_string(servers_->peer.SocksPort()) +
+                            ", protocol = 'socks5', login = 'alice', password = ";
+  EXPECT_EQ(Run("local ok, r = http.get{url = 'NGINX/files/65536', " + proxy + "'secret'}} return #r.output"),
             "65536");
+  EXPECT_EQ(Run("local r, e = http.request{url = 'NGINX/files/1024', " + proxy + "'wrong'}} return e:sub(1, 6)"),
+            "proxy:");
   EXPECT_EQ(Raised("http.get", "{url = 'NGINX/files/1024', proxy = {host = '127.0.0.1', protocol = 'gopher'}}"),
             "false: Bad argument: unknown proxy protocol 'gopher'");
 }

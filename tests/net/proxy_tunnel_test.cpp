@@ -3,8 +3,6 @@
 #include "utils/net/proxy_tunnel.h"
 
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -24,39 +22,6 @@ template <size_t N>
 std::string Bytes(const char (&text)[N]) {  // keeps embedded NULs
   return std::string(text, N - 1);
 }
-
-// Serves one connection in turns: reads the given number of bytes, then
-// sends the answer. Records everything it read.
-class ScriptedPeer {
- public:
-  explicit ScriptedPeer(std::vector<std::pair<size_t, std::string>> turns)
-      : turns_(std::move(turns)), thread_([this] { Serve(); }) {}
-  ~ScriptedPeer() {
-    if (thread_.joinable()) thread_.join();
-  }
-  std::string Service() const { return listener_.Service(); }
-  // Call once the client has closed.
-  std::string Received() {
-    thread_.join();
-    return received_;
-  }
-
- private:
-  void Serve() {
-    Fd client = listener_.Accept(10000);
-    for (const auto& turn : turns_) {
-      received_ += nettest::ReceiveText(client.Get(), turn.first, 5000);
-      nettest::SendText(client.Get(), turn.second);
-    }
-    // Closing before the client has read everything could reset the connection.
-    received_ += nettest::ReceiveText(client.Get(), 1, 5000);
-  }
-
-  nettest::Listener listener_;
-  std::vector<std::pair<size_t, std::string>> turns_;
-  std::string received_;
-  std::thread thread_;
-};
 
 utils::NetProxyInfo Proxy(utils::NetProxyType type, const std::string& login = "",
                           const std::string& password = "pw") {
@@ -83,12 +48,12 @@ TEST(Socks5Tunnel, SendsExactRequestsAndTheTunnelStartsRightAfterTheReply) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.target);
-    std::vector<std::pair<size_t, std::string>> turns = {
+    std::vector<CannedPeer::Turn> turns = {
         {c.greeting.size(), Bytes(c.auth.empty() ? "\x05\x00" : "\x05\x02")}};
-    if (!c.auth.empty()) turns.emplace_back(c.auth.size(), Bytes("\x01\x00"));
-    turns.emplace_back(c.request.size(), c.reply + "BANNER");
-    turns.emplace_back(4, "");
-    ScriptedPeer peer(turns);
+    if (!c.auth.empty()) turns.push_back({c.auth.size(), Bytes("\x01\x00")});
+    turns.push_back({c.request.size(), c.reply + "BANNER"});
+    turns.push_back({4, ""});
+    CannedPeer peer(turns);
     Client client;
     std::string error;
     ASSERT_EQ(nettest::Tunnel(&client, peer.Service(),
@@ -101,7 +66,7 @@ TEST(Socks5Tunnel, SendsExactRequestsAndTheTunnelStartsRightAfterTheReply) {
     EXPECT_EQ(std::string(banner, sizeof(banner)), "BANNER");
     ASSERT_EQ(client.Send("PING", 4, nullptr, 5000), Client::ErrorNone);
     client.Close();
-    EXPECT_EQ(peer.Received(), c.greeting + c.auth + c.request + "PING");
+    EXPECT_EQ(peer.Request(), c.greeting + c.auth + c.request + "PING");
   }
 }
 
@@ -161,10 +126,12 @@ TEST(Socks5Tunnel, SilentProxiesAndOversizedFields) {
       utils::ConnectThroughProxy(std::string(256, 'a'), 80, socks5, &unconnected, 100, &error),
       Client::ErrorFailed);
   EXPECT_EQ(error, "Target host name too long for a SOCKS5 proxy");
-  EXPECT_EQ(
-      utils::ConnectThroughProxy("a", 80, Proxy(utils::NetProxyTypeSocks5, std::string(256, 'u')),
-                                 &unconnected, 100, &error),
-      Client::ErrorFailed);
+  for (const auto& proxy : {Proxy(utils::NetProxyTypeSocks5, std::string(256, 'u')),
+                            Proxy(utils::NetProxyTypeSocks5, "u", std::string(256, 'p'))}) {
+    error.clear();
+    EXPECT_EQ(utils::ConnectThroughProxy("a", 80, proxy, &unconnected, 100, &error), Client::ErrorFailed);
+    EXPECT_EQ(error, "Proxy credentials too long for SOCKS5");
+  }
 }
 
 TEST(HttpConnectTunnel, RequestCarriesTargetAndCredentialsAndTunnelBytesSurvive) {
@@ -225,6 +192,7 @@ TEST(HttpConnectTunnel, TargetsThatWouldInjectHeaderLinesAreRefusedBeforeSending
   Client unconnected;
   std::string error;
   for (const char* host : {"a\r\nX-Injected: 1", "a b", "", "tab\there"}) {
+    error.clear();
     EXPECT_EQ(utils::ConnectThroughProxy(host, 80, Proxy(utils::NetProxyTypeHttp), &unconnected,
                                          100, &error),
               Client::ErrorFailed);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
 #include <thread>
@@ -25,7 +26,7 @@ PythonPeer::PythonPeer(const std::string& directory) {
     if (!process_->Running()) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  port_ = std::atoi(nettest::ReadFile(ready).c_str());
+  if (sscanf(nettest::ReadFile(ready).c_str(), "%d %d", &port_, &socksPort_) != 2) port_ = 0;
   if (port_ <= 0) throw std::runtime_error("python peer did not start: " + nettest::ReadFile(directory + "/python.log"));
 }
 
@@ -67,7 +68,8 @@ NginxSite::NginxSite(const std::string& directory) {
   nettest::Nginx::Server secure;
   secure.certificate = leaf.certificate;
   secure.key = leaf.key;
-  secure.extra = extra;
+  // Plain HTTP to the TLS port is sent on to TLS on the same port.
+  secure.extra = extra + "    error_page 497 =307 https://$host:$server_port$request_uri;\n";
   nginx_.reset(new nettest::Nginx(directory, {plain, secure}));
 }
 

@@ -11,15 +11,18 @@
 
 namespace httptest {
 
-// The scripted peer; it writes its port into a file once it listens.
+// The scripted peer and its SOCKS5 relay; it writes their ports into a file
+// once they listen.
 class PythonPeer {
  public:
   explicit PythonPeer(const std::string& directory);
   int Port() const { return port_; }
+  int SocksPort() const { return socksPort_; }
   std::string Url(const std::string& path) const;
 
  private:
   int port_ = 0;
+  int socksPort_ = 0;
   std::unique_ptr<nettest::ChildProcess> process_;
 };
 

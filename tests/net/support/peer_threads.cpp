@@ -17,11 +17,8 @@ EchoServer::EchoServer()
 
 EchoServer::~EchoServer() { thread_.join(); }
 
-CannedPeer::CannedPeer(std::string answer, size_t requestBytes, Ending ending)
-    : answer_(std::move(answer)),
-      requestBytes_(requestBytes),
-      ending_(ending),
-      thread_([this] { Serve(); }) {}
+CannedPeer::CannedPeer(std::vector<Turn> turns, Ending ending)
+    : turns_(std::move(turns)), ending_(ending), thread_([this] { Serve(); }) {}
 
 CannedPeer::~CannedPeer() {
   if (thread_.joinable()) thread_.join();
@@ -35,14 +32,17 @@ std::string CannedPeer::Request() {
 void CannedPeer::Serve() {
   Fd client = listener_.Accept(10000);
   if (!client.Valid()) return;
-  char byte;
-  while (requestBytes_ == 0 ? request_.find("\r\n\r\n") == std::string::npos
-                            : request_.size() < requestBytes_) {
-    pollfd entry = {client.Get(), POLLIN, 0};
-    if (poll(&entry, 1, 5000) != 1 || recv(client.Get(), &byte, 1, 0) != 1) break;
-    request_ += byte;
+  for (const Turn& turn : turns_) {
+    const size_t start = request_.size();
+    char byte;
+    while (turn.requestBytes == 0 ? request_.find("\r\n\r\n", start) == std::string::npos
+                                  : request_.size() - start < turn.requestBytes) {
+      pollfd entry = {client.Get(), POLLIN, 0};
+      if (poll(&entry, 1, 5000) != 1 || recv(client.Get(), &byte, 1, 0) != 1) break;
+      request_ += byte;
+    }
+    SendText(client.Get(), turn.answer);
   }
-  SendText(client.Get(), answer_);
   // A half-close ends the stream without the reset that closing with unread
   // bytes would cause.
   if (ending_ == kCloseAfterAnswer) shutdown(client.Get(), SHUT_WR);

@@ -5,6 +5,7 @@
 
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "net/support/loopback.h"
 
@@ -23,13 +24,20 @@ class EchoServer {
 };
 
 // Answers one connection with fixed bytes after reading what the client sent
-// (up to a blank line, or a given count). Then it either holds the connection
-// open or half-closes it, and waits for the client to go.
+// (up to a blank line, or a given count), in one turn or several. Then it
+// either holds the connection open or half-closes it, and waits for the
+// client to go.
 class CannedPeer {
  public:
   enum Ending { kHoldOpen, kCloseAfterAnswer };
+  struct Turn {
+    size_t requestBytes;  // 0: up to a blank line
+    std::string answer;
+  };
 
-  explicit CannedPeer(std::string answer, size_t requestBytes = 0, Ending ending = kHoldOpen);
+  explicit CannedPeer(std::string answer, size_t requestBytes = 0, Ending ending = kHoldOpen)
+      : CannedPeer(std::vector<Turn>{{requestBytes, std::move(answer)}}, ending) {}
+  explicit CannedPeer(std::vector<Turn> turns, Ending ending = kHoldOpen);
   ~CannedPeer();
   std::string Service() const { return listener_.Service(); }
   // What the client sent; call once the client has closed.
@@ -39,8 +47,7 @@ class CannedPeer {
   void Serve();
 
   Listener listener_;
-  std::string answer_;
-  size_t requestBytes_;
+  std::vector<Turn> turns_;
   Ending ending_;
   std::string request_;
   std::thread thread_;
