@@ -110,7 +110,7 @@ check.test("Sax.ReplacesReferencesInTextAndAttributeValues", function()
     { "&lt;&gt;&amp;&quot;&apos;", "<>&\"'" },
     { "&#65;&#x41;&#X41;&#0065;", "AAAA" },
     { "caf&#233; &#x263A; &#x1F600;", "café ☺ 😀" },
-    { "&#x1FFFFF;|&#x200000;", "\xF7\xBF\xBF\xBF|&#x200000;" },
+    { "&#x1FFFFF;|&#x200000;|&#xFFFF;|&#x10000;", "\xF7\xBF\xBF\xBF|&#x200000;|\xEF\xBF\xBF|\xF0\x90\x80\x80" },
     { "&foo; &amp &; &#; & x", "&foo; &amp &; &#; & x" },
     { "&amp;lt;", "&lt;" },
   }
