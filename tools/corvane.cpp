@@ -124,14 +124,14 @@ unsigned long long ParseCount(const std::string& option, const std::string& text
 
 // One row per option: its name, whether it takes a value, whether only "run"
 // accepts it, and what it sets.
-struct OptionSpec {
+struct OptionRow {
   const char* name;
   bool takesValue;
   bool runOnly;
   void (*apply)(Options& options, const std::string& value);
 };
 
-const OptionSpec kOptions[] = {
+const OptionRow kOptions[] = {
     {"--args", true, false,
      [](Options& o, const std::string& value) {
        o.args = ParseJsonOption("--args", value);
@@ -187,18 +187,18 @@ Options ParseCommandLine(int argc, char** argv) {
       name.erase(equals);
       hasValue = true;
     }
-    const OptionSpec* spec = nullptr;
-    for (const OptionSpec& candidate : kOptions) {
-      if (name == candidate.name && (!candidate.runOnly || options.command == "run")) spec = &candidate;
+    const OptionRow* row = nullptr;
+    for (const OptionRow& candidate : kOptions) {
+      if (name == candidate.name && (!candidate.runOnly || options.command == "run")) row = &candidate;
     }
-    if (spec == nullptr) throw UsageError("unknown option '" + name + "'");
-    if (spec->takesValue && !hasValue) {
+    if (row == nullptr) throw UsageError("unknown option '" + name + "'");
+    if (row->takesValue && !hasValue) {
       if (i + 1 >= argc) throw UsageError(name + " needs a value");
       value = argv[++i];
-    } else if (!spec->takesValue && hasValue) {
+    } else if (!row->takesValue && hasValue) {
       throw UsageError(name + " takes no value");
     }
-    spec->apply(options, value);
+    row->apply(options, value);
   }
   if (options.hasCallArgs && !options.hasCall) throw UsageError("--call-args needs --call");
   return options;

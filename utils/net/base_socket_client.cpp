@@ -41,6 +41,20 @@ void DisableNagle(int descriptor, const addrinfo& address) {
   setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
 }
 
+// What a wait's result means for the operation that waited: ErrorNone when ready.
+AbstractCancellableClient::Error_t WaitError(int result) {
+  switch (result) {
+    case impl::WaitReady:
+      return AbstractCancellableClient::ErrorNone;
+    case impl::WaitCanceled:
+      return AbstractCancellableClient::ErrorCanceled;
+    case impl::WaitTimedOut:
+      return AbstractCancellableClient::ErrorTimedOut;
+    default:
+      return AbstractCancellableClient::ErrorFailed;
+  }
+}
+
 }  // namespace
 
 struct BaseSocketClient::Impl {
@@ -68,16 +82,8 @@ struct BaseSocketClient::Impl {
         default:
           return ErrorFailed;
       }
-      switch (point.WaitFor(socket.Descriptor(), operation, timeoutMs)) {
-        case impl::WaitReady:
-          break;
-        case impl::WaitCanceled:
-          return ErrorCanceled;
-        case impl::WaitTimedOut:
-          return ErrorTimedOut;
-        default:
-          return ErrorFailed;
-      }
+      const Error_t waited = WaitError(point.WaitFor(socket.Descriptor(), operation, timeoutMs));
+      if (waited != ErrorNone) return waited;
     }
   }
 
@@ -259,16 +265,7 @@ BaseSocketClient::Error_t BaseSocketClient::Recv(void* buffer, size_t size, size
 BaseSocketClient::Error_t BaseSocketClient::WaitForInput(int timeoutMs) {
   Impl& self = *impl_;
   if (self.socket.HasBufferedInput()) return ErrorNone;
-  switch (self.point.WaitFor(self.socket.Descriptor(), impl::OperationRead, timeoutMs)) {
-    case impl::WaitReady:
-      return ErrorNone;
-    case impl::WaitCanceled:
-      return ErrorCanceled;
-    case impl::WaitTimedOut:
-      return ErrorTimedOut;
-    default:
-      return ErrorFailed;
-  }
+  return WaitError(self.point.WaitFor(self.socket.Descriptor(), impl::OperationRead, timeoutMs));
 }
 
 BaseSocketClient::Error_t BaseSocketClient::Sleep(int ms) {
