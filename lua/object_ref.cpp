@@ -10,6 +10,10 @@ namespace {
 
 const char kInvalidReference[] = "Invalid reference";
 
+[[noreturn]] __attribute__((noinline, cold)) void ThrowInvalidReference() {
+  throw RunTimeError(kInvalidReference);
+}
+
 }  // namespace
 
 ObjectRef::ObjectRef(const boost::shared_ptr<RunTime>& rt, int index)
@@ -63,22 +67,27 @@ void ObjectRef::Check(int expectedType, const std::string& message) const {
 }
 
 void ObjectRef::CheckRef(int expectedType) const {
-  if (type_ != expectedType || !IsValid()) throw RunTimeError(kInvalidReference);
+  if (type_ != expectedType || !IsValid()) ThrowInvalidReference();
 }
 
+// The scalar readers are on every native call's path: CheckRef reduced to
+// what it means for types without identity, in one lua_type call.
 bool ObjectRef::AsBool() const {
-  CheckRef(LUA_TBOOLEAN);
-  return lua_toboolean(L(), index_) != 0;
+  lua_State* L = this->L();
+  if (type_ != LUA_TBOOLEAN || index_ == 0 || lua_type(L, index_) != LUA_TBOOLEAN) ThrowInvalidReference();
+  return lua_toboolean(L, index_) != 0;
 }
 
 long long ObjectRef::AsInteger() const {
-  CheckRef(LUA_TNUMBER);
-  return lua_tointegerx(L(), index_, nullptr);
+  lua_State* L = this->L();
+  if (type_ != LUA_TNUMBER || index_ == 0 || lua_type(L, index_) != LUA_TNUMBER) ThrowInvalidReference();
+  return lua_tointegerx(L, index_, nullptr);
 }
 
 double ObjectRef::AsReal() const {
-  CheckRef(LUA_TNUMBER);
-  return lua_tonumberx(L(), index_, nullptr);
+  lua_State* L = this->L();
+  if (type_ != LUA_TNUMBER || index_ == 0 || lua_type(L, index_) != LUA_TNUMBER) ThrowInvalidReference();
+  return lua_tonumberx(L, index_, nullptr);
 }
 
 std::string ObjectRef::AsString() const {

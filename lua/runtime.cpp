@@ -243,10 +243,8 @@ void RunTime::Remove(const boost::shared_ptr<ObjectRef>& object) {
   if (object && object->StackIndex() != 0 && object->IsValid()) Remove(object->StackIndex());
 }
 
-void RunTime::EnsureFreeStackSlots(int n) {
-  if (!lua_checkstack(state_, n > kPushHeadroom ? n : kPushHeadroom)) {
-    throw RunTimeError("EnsureFreeStackSlots(): stack overflow");
-  }
+void RunTime::ThrowStackOverflow() {
+  throw RunTimeError("EnsureFreeStackSlots(): stack overflow");
 }
 
 std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunImpl(ChunkKind kind, const std::string& source,
@@ -342,19 +340,41 @@ std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunString(
 
 std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunFunc(
     const std::string& globalName, const std::vector<boost::shared_ptr<ObjectRef>>& args) {
-  const int base = lua_gettop(state_);
-  PrepareCall(args.size());
-  const int type = lua_getglobal(state_, globalName.c_str());
-  return Contained([&] { return CallPushedFunction(base, type, args); });
+  return CallGlobal(globalName, args.data(), args.size());
+}
+
+std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunFunc(
+    const std::string& globalName, std::initializer_list<boost::shared_ptr<ObjectRef>> args) {
+  return CallGlobal(globalName, args.begin(), args.size());
 }
 
 std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunFunc(
     const boost::shared_ptr<ObjectRef>& func, const std::vector<boost::shared_ptr<ObjectRef>>& args) {
+  return CallHandle(func, args.data(), args.size());
+}
+
+std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunFunc(
+    const boost::shared_ptr<ObjectRef>& func, std::initializer_list<boost::shared_ptr<ObjectRef>> args) {
+  return CallHandle(func, args.begin(), args.size());
+}
+
+std::vector<boost::shared_ptr<ObjectRef>> RunTime::CallGlobal(const std::string& globalName,
+                                                              const boost::shared_ptr<ObjectRef>* args,
+                                                              size_t nargs) {
   const int base = lua_gettop(state_);
-  PrepareCall(args.size());
+  PrepareCall(nargs);
+  const int type = lua_getglobal(state_, globalName.c_str());
+  return Contained([&] { return CallPushedFunction(base, type, args, nargs); });
+}
+
+std::vector<boost::shared_ptr<ObjectRef>> RunTime::CallHandle(const boost::shared_ptr<ObjectRef>& func,
+                                                              const boost::shared_ptr<ObjectRef>* args,
+                                                              size_t nargs) {
+  const int base = lua_gettop(state_);
+  PrepareCall(nargs);
   PushCopy(state_, func.get());
   const int type = lua_type(state_, -1);
-  return Contained([&] { return CallPushedFunction(base, type, args); });
+  return Contained([&] { return CallPushedFunction(base, type, args, nargs); });
 }
 
 void RunTime::PrepareCall(size_t nargs) {
@@ -364,14 +384,15 @@ void RunTime::PrepareCall(size_t nargs) {
   lua_pushcfunction(state_, MessageHandler);
 }
 
-std::vector<boost::shared_ptr<ObjectRef>> RunTime::CallPushedFunction(
-    int base, int type, const std::vector<boost::shared_ptr<ObjectRef>>& args) {
+std::vector<boost::shared_ptr<ObjectRef>> RunTime::CallPushedFunction(int base, int type,
+                                                                      const boost::shared_ptr<ObjectRef>* args,
+                                                                      size_t nargs) {
   if (type != LUA_TFUNCTION) {
     throw RunTimeError(std::string("RunFunc(): expected type: function, got type: ") +
                        lua_typename(state_, type));
   }
-  for (const boost::shared_ptr<ObjectRef>& arg : args) PushCopy(state_, arg.get());
-  PcallWithHandlerAt(base + 1, static_cast<int>(args.size()), LUA_MULTRET);
+  for (size_t i = 0; i < nargs; ++i) PushCopy(state_, args[i].get());
+  PcallWithHandlerAt(base + 1, static_cast<int>(nargs), LUA_MULTRET);
   return ExtractRetVals(base);
 }
 

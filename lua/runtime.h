@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -121,7 +122,9 @@ class RunTime : public boost::enable_shared_from_this<RunTime>, private utils::N
   // known number of values more asks for that number plus this.
   static constexpr int kPushHeadroom = 10;
   // Room for max(n, kPushHeadroom) more values, or RunTimeError.
-  void EnsureFreeStackSlots(int n);
+  void EnsureFreeStackSlots(int n) {
+    if (!lua_checkstack(state_, n > kPushHeadroom ? n : kPushHeadroom)) ThrowStackOverflow();
+  }
   bool ReserveFreeStackSlots(int n) { return lua_checkstack(state_, n) != 0; }
 
   // Running code. Scripts find their arguments in the global "init_data". The
@@ -152,6 +155,12 @@ class RunTime : public boost::enable_shared_from_this<RunTime>, private utils::N
   std::vector<boost::shared_ptr<ObjectRef>> RunFunc(
       const boost::shared_ptr<ObjectRef>& func,
       const std::vector<boost::shared_ptr<ObjectRef>>& args);
+  // The same for a braced argument list, RunFunc("f", {a, b}): the handles are
+  // read where they stand, with no vector made and no count taken for them.
+  std::vector<boost::shared_ptr<ObjectRef>> RunFunc(const std::string& globalName,
+                                                    std::initializer_list<boost::shared_ptr<ObjectRef>> args);
+  std::vector<boost::shared_ptr<ObjectRef>> RunFunc(const boost::shared_ptr<ObjectRef>& func,
+                                                    std::initializer_list<boost::shared_ptr<ObjectRef>> args);
   // Protected call of the function below the nargs top values, with a traceback
   // added to the error message; throws RunTimeError on failure.
   void Pcall(int nargs, int nresults);
@@ -255,11 +264,18 @@ class RunTime : public boost::enable_shared_from_this<RunTime>, private utils::N
                                                     bool clearStack);
   void PushArgsTable(const std::vector<boost::shared_ptr<ObjectRef>>& args);
   void PushArgsTable(const std::vector<std::string>& args);
+  [[noreturn]] static void ThrowStackOverflow();
   // Pushes the message handler for a RunFunc call.
   void PrepareCall(size_t nargs);
+  // The RunFunc overloads, over the arguments wherever they are kept.
+  std::vector<boost::shared_ptr<ObjectRef>> CallGlobal(const std::string& globalName,
+                                                       const boost::shared_ptr<ObjectRef>* args, size_t nargs);
+  std::vector<boost::shared_ptr<ObjectRef>> CallHandle(const boost::shared_ptr<ObjectRef>& func,
+                                                       const boost::shared_ptr<ObjectRef>* args, size_t nargs);
   // The function of `type` is on the top, the handler below it.
-  std::vector<boost::shared_ptr<ObjectRef>> CallPushedFunction(
-      int base, int type, const std::vector<boost::shared_ptr<ObjectRef>>& args);
+  std::vector<boost::shared_ptr<ObjectRef>> CallPushedFunction(int base, int type,
+                                                               const boost::shared_ptr<ObjectRef>* args,
+                                                               size_t nargs);
   // Pcall with the message handler already at `handler`, directly below the
   // function; removes it afterwards.
   void PcallWithHandlerAt(int handler, int nargs, int nresults);

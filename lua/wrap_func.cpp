@@ -100,9 +100,9 @@ class FrameLease {
   CallFrame* frame_;
 };
 
-void PrepareArgs(CallFrame& frame, int count) {
+// Brings the frame's handle count to `n`, through the spare handles.
+__attribute__((noinline)) void ResizeArgs(CallFrame& frame, size_t n) {
   std::vector<boost::shared_ptr<ObjectRef>>& args = frame.args;
-  const size_t n = static_cast<size_t>(count);
   while (args.size() > n) {
     if (frame.spare.size() < kMaxPooledHandles) frame.spare.push_back(std::move(args.back()));
     args.pop_back();
@@ -115,7 +115,14 @@ void PrepareArgs(CallFrame& frame, int count) {
       frame.spare.pop_back();
     }
   }
-  for (size_t i = 0; i < n; ++i) HandleAccess::Retarget(args[i], frame.rt, static_cast<int>(i) + 1);
+}
+
+void PrepareArgs(CallFrame& frame, lua_State* L) {
+  const size_t n = static_cast<size_t>(lua_gettop(L));
+  // Most functions are called with the same count every time.
+  if (frame.args.size() != n) ResizeArgs(frame, n);
+  boost::shared_ptr<ObjectRef>* args = frame.args.data();
+  for (size_t i = 0; i < n; ++i) HandleAccess::Retarget(args[i], frame.rt, L, static_cast<int>(i) + 1);
 }
 
 template <class Call>
@@ -132,7 +139,7 @@ int Invoke(lua_State* L, const void* running, Call&& call) {
       HandleAccess::EnableCache(*frame.wrapper);
     }
     if (frame.rt != frame.wrapper) frame.rt = frame.wrapper;
-    PrepareArgs(frame, lua_gettop(L));
+    PrepareArgs(frame, L);
     const int n = call(frame.rt, frame.args);
     if (n < 0) luaL_error(L, "Negative results count: %d", n);
     const int top = lua_gettop(L);

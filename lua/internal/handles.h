@@ -72,11 +72,16 @@ class HandleAccess {
   // such a handle would see it move; handles are not meant to be held weakly.
   static void Retarget(boost::shared_ptr<ObjectRef>& handle, const boost::shared_ptr<RunTime>& rt,
                        int absIndex) {
-    lua_State* L = rt->State();
+    Retarget(handle, rt, rt->State(), absIndex);
+  }
+  // As above, with `L` the state of `rt`.
+  static void Retarget(boost::shared_ptr<ObjectRef>& handle, const boost::shared_ptr<RunTime>& rt, lua_State* L,
+                       int absIndex) {
     const int type = lua_type(L, absIndex);
-    if (handle && handle.unique() && (handle->type_ == LUA_TTABLE) == (type == LUA_TTABLE)) {
-      Point(*handle, L, type, absIndex);
-      if (handle->rt_ != rt) handle->rt_ = rt;
+    ObjectRef* current = handle.get();
+    if (current != nullptr && handle.unique() && (current->type_ == LUA_TTABLE) == (type == LUA_TTABLE)) {
+      Point(*current, L, type, absIndex);
+      if (current->rt_ != rt) current->rt_ = rt;
       return;
     }
     handle = Make(rt, absIndex);
