@@ -1,22 +1,76 @@
-// Proxy handshakes against peers written here that answer with canned bytes,
-// record what the client sent, and cover every way a proxy can refuse or garble.
+// Proxy handshakes against a peer that answers canned bytes, records what the
+// client sent, and covers every way a proxy can refuse or garble.
 #include "utils/net/proxy_tunnel.h"
 
+#include <poll.h>
+#include <sys/socket.h>
+
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "net/support/loopback.h"
-#include "net/support/peer_threads.h"
 #include "net/test_helpers.h"
 #include "utils/base64.h"
 
 namespace {
 
-using nettest::CannedPeer;
 using nettest::Client;
-using nettest::Fd;
+
+// Serves one connection in turns: reads requestBytes (0: up to a blank line),
+// then answers. Then it holds the connection open or half-closes it (which
+// ends the stream without the reset that unread bytes would cause), and
+// waits for the client to go.
+class CannedPeer {
+ public:
+  struct Turn {
+    size_t requestBytes;
+    std::string answer;
+  };
+
+  explicit CannedPeer(std::vector<Turn> turns, bool closeAfterAnswer = false)
+      : turns_(std::move(turns)), close_(closeAfterAnswer), thread_([this] { Serve(); }) {}
+  ~CannedPeer() { Request(); }
+  std::string Service() const { return listener_.Service(); }
+  // What the client sent; call once the client has closed.
+  std::string Request() {
+    if (thread_.joinable()) thread_.join();
+    return request_;
+  }
+
+ private:
+  bool ReadByte(int descriptor) {
+    pollfd entry = {descriptor, POLLIN, 0};
+    char byte;
+    if (poll(&entry, 1, 5000) != 1 || recv(descriptor, &byte, 1, 0) != 1) return false;
+    request_ += byte;
+    return true;
+  }
+
+  void Serve() {
+    nettest::Fd client = listener_.Accept(10000);
+    if (!client.Valid()) return;
+    for (const Turn& turn : turns_) {
+      const size_t start = request_.size();
+      while ((turn.requestBytes == 0 ? request_.find("\r\n\r\n", start) == std::string::npos
+                                     : request_.size() - start < turn.requestBytes) &&
+             ReadByte(client.Get())) {
+      }
+      nettest::SendText(client.Get(), turn.answer);
+    }
+    if (close_) shutdown(client.Get(), SHUT_WR);
+    while (ReadByte(client.Get())) {
+    }
+  }
+
+  nettest::Listener listener_;
+  std::vector<Turn> turns_;
+  bool close_;
+  std::string request_;
+  std::thread thread_;
+};
 
 template <size_t N>
 std::string Bytes(const char (&text)[N]) {  // keeps embedded NULs
@@ -70,73 +124,89 @@ TEST(Socks5Tunnel, SendsExactRequestsAndTheTunnelStartsRightAfterTheReply) {
   }
 }
 
-TEST(Socks5Tunnel, AnswersOtherThanSuccessFailWithAReason) {
+TEST(ProxyTunnel, AnswersOtherThanSuccessFailWithAReason) {
+  const auto socks5 = utils::NetProxyTypeSocks5, http = utils::NetProxyTypeHttps;
+  const Client::Error_t ok = Client::ErrorNone, failed = Client::ErrorFailed;
   const std::string methodOk = Bytes("\x05\x00");
+  const std::string malformed = "Malformed proxy answer to CONNECT example.test:80";
   const struct {
-    const char* name;
-    std::string answer;
+    utils::NetProxyType type;
     const char* login;
+    std::string answer;
     Client::Error_t result;
-    const char* reason;
+    std::string reason;
   } cases[] = {
-      {"no acceptable method", Bytes("\x05\xFF"), "", Client::ErrorFailed,
-       "SOCKS5 proxy requires credentials"},
-      {"bad credentials", Bytes("\x05\x02\x01\x01"), "user", Client::ErrorFailed,
-       "SOCKS5 proxy rejected the credentials"},
-      {"connect refused", methodOk + Bytes("\x05\x05\x00\x01\0\0\0\0\0\0"), "", Client::ErrorFailed,
+      {socks5, "", Bytes("\x05\xFF"), failed, "SOCKS5 proxy requires credentials"},
+      {socks5, "user", Bytes("\x05\x02\x01\x01"), failed, "SOCKS5 proxy rejected the credentials"},
+      {socks5, "", methodOk + Bytes("\x05\x05\x00\x01\0\0\0\0\0\0"), failed,
        "SOCKS5 proxy refused example.test:80: connection refused"},
-      {"unoffered method", Bytes("\x05\x02"), "", Client::ErrorFailed,
-       "Malformed SOCKS5 method selection"},
-      {"wrong version", Bytes("\x04\x00"), "", Client::ErrorFailed,
-       "Malformed SOCKS5 method selection"},
-      {"unknown address type", methodOk + Bytes("\x05\x00\x00\x09\0\0\0\0\0\0"), "",
-       Client::ErrorFailed, "Malformed SOCKS5 connect answer"},
-      {"closed halfway through the reply", methodOk + Bytes("\x05\x00\x00\x01\x7F"), "",
-       Client::ErrorEndOfStream, ""},
+      {socks5, "", Bytes("\x05\x02"), failed, "Malformed SOCKS5 method selection"},  // not offered
+      {socks5, "", Bytes("\x04\x00"), failed, "Malformed SOCKS5 method selection"},
+      {socks5, "", methodOk + Bytes("\x05\x00\x00\x09\0\0\0\0\0\0"), failed,
+       "Malformed SOCKS5 connect answer"},
+      {socks5, "", methodOk + Bytes("\x05\x00\x00\x01\x7F"), Client::ErrorEndOfStream, ""},
+      {socks5, "", "", Client::ErrorTimedOut, ""},  // the whole handshake shares one deadline
+      {http, "", "HTTP/1.0 200 OK\n\n", ok, ""},    // bare line feeds
+      {http, "", "HTTP/1.1 204\r\n\r\n", ok, ""},
+      {http, "", "HTTP/1.1 403 Forbidden\r\n\r\n", failed,
+       "Proxy refused CONNECT example.test:80: 403 Forbidden"},
+      {http, "", "HTTP/1.0 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic\r\n\r\n",
+       failed, "Proxy requires credentials: 407 Proxy Authentication Required"},
+      {http, "user", "HTTP/1.0 407 Nope\r\n\r\n", failed,
+       "Proxy rejected the credentials: 407 Nope"},
+      {http, "", "SSH-2.0-OpenSSH\r\n\r\n", failed, malformed},
+      {http, "", "HTTP/1.1 20 OK\r\n\r\n", failed, malformed},
+      {http, "", "HTTP/1.1 200 OK\r\n", Client::ErrorEndOfStream, ""},
+      {http, "", "HTTP/1.1 200 OK\r\n" + std::string(20000, 'x'), failed,
+       "Proxy answer head exceeds 16384 bytes"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    CannedPeer peer(c.answer, 3,
-                    c.result == Client::ErrorEndOfStream ? CannedPeer::kCloseAfterAnswer
-                                                         : CannedPeer::kHoldOpen);
+    SCOPED_TRACE(c.answer.substr(0, 40));
+    CannedPeer peer({{c.type == socks5 ? 3u : 0u, c.answer}}, c.result == Client::ErrorEndOfStream);
     Client client;
     std::string error;
-    EXPECT_EQ(nettest::Tunnel(&client, peer.Service(), Proxy(utils::NetProxyTypeSocks5, c.login),
-                              "example.test", 80, &error),
+    const auto start = nettest::Clock::now();
+    EXPECT_EQ(nettest::Tunnel(&client, peer.Service(), Proxy(c.type, c.login), "example.test", 80,
+                              &error, c.result == Client::ErrorTimedOut ? 300 : 5000),
               c.result);
     EXPECT_EQ(error, c.reason);
+    EXPECT_GE(nettest::ElapsedMs(start), c.result == Client::ErrorTimedOut ? 250 : 0);
+    client.Close();  // the peer waits for the client to go
   }
 }
 
-TEST(Socks5Tunnel, SilentProxiesAndOversizedFields) {
-  const utils::NetProxyInfo socks5 = Proxy(utils::NetProxyTypeSocks5);
-  {
-    // The whole handshake shares one deadline.
-    nettest::Listener silent;
-    Client client;
-    const auto start = nettest::Clock::now();
-    EXPECT_EQ(nettest::Tunnel(&client, silent.Service(), socks5, "example.test", 80, nullptr, 300),
-              Client::ErrorTimedOut);
-    EXPECT_GE(nettest::ElapsedMs(start), 250);
-  }
-  // Names and credentials longer than one length byte never reach the wire.
-  Client unconnected;
-  std::string error;
-  EXPECT_EQ(
-      utils::ConnectThroughProxy(std::string(256, 'a'), 80, socks5, &unconnected, 100, &error),
-      Client::ErrorFailed);
-  EXPECT_EQ(error, "Target host name too long for a SOCKS5 proxy");
-  for (const auto& proxy : {Proxy(utils::NetProxyTypeSocks5, std::string(256, 'u')),
-                            Proxy(utils::NetProxyTypeSocks5, "u", std::string(256, 'p'))}) {
-    error.clear();
-    EXPECT_EQ(utils::ConnectThroughProxy("a", 80, proxy, &unconnected, 100, &error), Client::ErrorFailed);
-    EXPECT_EQ(error, "Proxy credentials too long for SOCKS5");
+// Names and credentials longer than one length byte, and targets that would
+// inject header lines, never reach the wire.
+TEST(ProxyTunnel, BadTargetsAndCredentialsAreRefusedBeforeSending) {
+  const std::string longName(256, 'a');
+  const char* invalid = "Invalid proxy target host";
+  const struct {
+    utils::NetProxyInfo proxy;
+    std::string host;
+    const char* reason;
+  } cases[] = {
+      {Proxy(utils::NetProxyTypeSocks5), longName, "Target host name too long for a SOCKS5 proxy"},
+      {Proxy(utils::NetProxyTypeSocks5, longName), "a", "Proxy credentials too long for SOCKS5"},
+      {Proxy(utils::NetProxyTypeSocks5, "u", longName), "a",
+       "Proxy credentials too long for SOCKS5"},
+      {Proxy(utils::NetProxyTypeHttp), "a\r\nX-Injected: 1", invalid},
+      {Proxy(utils::NetProxyTypeHttp), "a b", invalid},
+      {Proxy(utils::NetProxyTypeHttp), "", invalid},
+      {Proxy(utils::NetProxyTypeHttp), "tab\there", invalid},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.host);
+    Client unconnected;
+    std::string error;
+    EXPECT_EQ(utils::ConnectThroughProxy(c.host, 80, c.proxy, &unconnected, 100, &error),
+              Client::ErrorFailed);
+    EXPECT_EQ(error, c.reason);
   }
 }
 
 TEST(HttpConnectTunnel, RequestCarriesTargetAndCredentialsAndTunnelBytesSurvive) {
   // The proxy's answer and the first tunnel bytes arrive together.
-  CannedPeer peer("HTTP/1.1 200 Connection established\r\nVia: test\r\n\r\nBANNER");
+  CannedPeer peer({{0, "HTTP/1.1 200 Connection established\r\nVia: test\r\n\r\nBANNER"}});
   Client client;
   ASSERT_EQ(nettest::Tunnel(&client, peer.Service(), Proxy(utils::NetProxyTypeHttp, "user", "p:w"),
                             "::1", 8443),
@@ -149,55 +219,6 @@ TEST(HttpConnectTunnel, RequestCarriesTargetAndCredentialsAndTunnelBytesSurvive)
             "CONNECT [::1]:8443 HTTP/1.1\r\nHost: [::1]:8443\r\n"
             "Proxy-Authorization: Basic " +
                 utils::Base64Encode(std::string("user:p:w")) + "\r\n\r\n");
-}
-
-TEST(HttpConnectTunnel, AnswersOtherThanSuccessAreFailuresWithAReason) {
-  const std::string malformed = "Malformed proxy answer to CONNECT example.test:443";
-  const struct {
-    std::string answer;
-    const char* login;
-    Client::Error_t result;
-    std::string reason;
-  } cases[] = {
-      {"HTTP/1.0 200 OK\n\n", "", Client::ErrorNone, ""},  // bare line feeds
-      {"HTTP/1.1 204\r\n\r\n", "", Client::ErrorNone, ""},
-      {"HTTP/1.1 403 Forbidden\r\n\r\n", "", Client::ErrorFailed,
-       "Proxy refused CONNECT example.test:443: 403 Forbidden"},
-      {"HTTP/1.0 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic\r\n\r\n", "",
-       Client::ErrorFailed, "Proxy requires credentials: 407 Proxy Authentication Required"},
-      {"HTTP/1.0 407 Nope\r\n\r\n", "user", Client::ErrorFailed,
-       "Proxy rejected the credentials: 407 Nope"},
-      {"SSH-2.0-OpenSSH\r\n\r\n", "", Client::ErrorFailed, malformed},
-      {"HTTP/1.1 20 OK\r\n\r\n", "", Client::ErrorFailed, malformed},
-      {"HTTP/1.1 200 OK\r\n", "", Client::ErrorEndOfStream, ""},  // closes before the blank line
-      {"HTTP/1.1 200 OK\r\n" + std::string(20000, 'x'), "", Client::ErrorFailed,
-       "Proxy answer head exceeds 16384 bytes"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.answer.substr(0, 40));
-    Client client;
-    std::string error;
-    CannedPeer peer(c.answer, 0,
-                    c.result == Client::ErrorEndOfStream ? CannedPeer::kCloseAfterAnswer
-                                                         : CannedPeer::kHoldOpen);
-    EXPECT_EQ(nettest::Tunnel(&client, peer.Service(), Proxy(utils::NetProxyTypeHttps, c.login),
-                              "example.test", 443, &error),
-              c.result);
-    EXPECT_EQ(error, c.reason);
-    client.Close();  // the peer waits for the client to go
-  }
-}
-
-TEST(HttpConnectTunnel, TargetsThatWouldInjectHeaderLinesAreRefusedBeforeSending) {
-  Client unconnected;
-  std::string error;
-  for (const char* host : {"a\r\nX-Injected: 1", "a b", "", "tab\there"}) {
-    error.clear();
-    EXPECT_EQ(utils::ConnectThroughProxy(host, 80, Proxy(utils::NetProxyTypeHttp), &unconnected,
-                                         100, &error),
-              Client::ErrorFailed);
-    EXPECT_EQ(error, "Invalid proxy target host");
-  }
 }
 
 }  // namespace

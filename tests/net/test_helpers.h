@@ -5,6 +5,7 @@
 #include <string>
 
 #include "net/support/loopback.h"
+#include "support/shared.h"
 #include "utils/env.h"
 #include "utils/net/base_socket_client.h"
 #include "utils/net/proxy_tunnel.h"
@@ -13,11 +14,7 @@ namespace nettest {
 
 using Client = utils::BaseSocketClient;
 using Clock = std::chrono::steady_clock;
-
-inline long ElapsedMs(Clock::time_point start) {
-  return static_cast<long>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
-}
+using testsupport::ElapsedMs;
 
 // Trust settings leak between tests through the process environment.
 inline void ClearTlsEnvironment() {

@@ -26,6 +26,13 @@ std::string CertTime(long offsetSeconds) {
   return text;
 }
 
+// An openssl req command line that makes a new key.
+std::vector<std::string> CertFactory::NewKey() const {
+  std::vector<std::string> argv = {"openssl", "req", "-new", "-nodes", "-newkey", keySpec_};
+  if (keySpec_ == "ec") argv.insert(argv.end(), {"-pkeyopt", "ec_paramgen_curve:prime256v1"});
+  return argv;
+}
+
 CertFactory::CertFactory(const std::string& directory, const std::string& keySpec)
     : directory_(directory), keySpec_(keySpec) {
   std::filesystem::create_directories(Path("db"));
@@ -43,13 +50,9 @@ CertFactory::CertFactory(const std::string& directory, const std::string& keySpe
 
 KeyPair CertFactory::CreateCa(const std::string& name) {
   KeyPair ca{Path(name + ".pem"), Path(name + ".key")};
-  std::vector<std::string> argv = {"openssl", "req",     "-x509", "-new",
-                                   "-nodes",  "-newkey", keySpec_};
-  if (keySpec_ == "ec") {
-    argv.insert(argv.end(), {"-pkeyopt", "ec_paramgen_curve:prime256v1"});
-  }
-  argv.insert(argv.end(),
-              {"-keyout", ca.key, "-out", ca.certificate, "-subj", "/CN=" + name, "-days", "30"});
+  std::vector<std::string> argv = NewKey();
+  argv.insert(argv.end(), {"-x509", "-keyout", ca.key, "-out", ca.certificate, "-subj",
+                           "/CN=" + name, "-days", "30"});
   Run(argv, Path("openssl.log"));
   return ca;
 }
@@ -67,10 +70,7 @@ KeyPair CertFactory::Issue(const std::string& name, const KeyPair& ca,
                            const std::string& notBefore, const std::string& notAfter) {
   KeyPair leaf{Path(name + ".pem"), Path(name + ".key")};
   const std::string request = Path(name + ".csr");
-  std::vector<std::string> argv = {"openssl", "req", "-new", "-nodes", "-newkey", keySpec_};
-  if (keySpec_ == "ec") {
-    argv.insert(argv.end(), {"-pkeyopt", "ec_paramgen_curve:prime256v1"});
-  }
+  std::vector<std::string> argv = NewKey();
   argv.insert(argv.end(), {"-keyout", leaf.key, "-out", request, "-subj", "/CN=" + commonName});
   Run(argv, Path("openssl.log"));
 

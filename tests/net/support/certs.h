@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace nettest {
 
@@ -30,6 +31,7 @@ class CertFactory {
 
  private:
   std::string Path(const std::string& file) const { return directory_ + "/" + file; }
+  std::vector<std::string> NewKey() const;
 
   std::string directory_;
   std::string keySpec_;

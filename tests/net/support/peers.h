@@ -1,6 +1,6 @@
-// Real peers for the network tests: a scratch directory, child processes
-// (nginx, tinyproxy, the openssl CLI) that are killed at teardown, free
-// loopback ports and readiness checks. Everything binds to 127.0.0.1 or ::1.
+// Real peers for the network tests: child processes (nginx, tinyproxy, the
+// openssl CLI) that are killed at teardown, and free loopback ports.
+// Everything binds to 127.0.0.1 or ::1.
 #pragma once
 
 #include <sys/types.h>
@@ -9,25 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "support/shared.h"
+
 namespace nettest {
 
-// A fresh directory under $TMPDIR (or /tmp), removed with its contents.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
-  const std::string& Path() const { return path_; }
-  std::string File(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
+using TempDir = testsupport::ScratchDir;
 
 void WriteFile(const std::string& path, const std::string& content);
-std::string ReadFile(const std::string& path);
+inline std::string ReadFile(const std::string& path) { return testsupport::ReadWholeFile(path); }
 
 // Runs argv to completion with output into logPath; true when it exits 0.
 bool RunCommand(const std::vector<std::string>& argv, const std::string& logPath);
@@ -41,7 +30,6 @@ class ChildProcess {
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   bool Running();
-  void Stop();
 
  private:
   pid_t pid_ = -1;
@@ -49,9 +37,6 @@ class ChildProcess {
 
 // A port that was free on the loopback address of the family a moment ago.
 int FreePort(int family);
-
-// Connects until the port answers or timeoutMs passes.
-bool WaitForPort(const std::string& address, int port, int timeoutMs);
 
 // nginx in the foreground with its own prefix, configuration and logs.
 class Nginx {

@@ -1,6 +1,7 @@
-#include "utils/net/address_info.h"
-
+// Socket addresses, literal checks and the resolver's address lists.
+#include <arpa/inet.h>
 #include <netdb.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -10,7 +11,127 @@
 
 #include <gtest/gtest.h>
 
+#include "utils/net/address_info.h"
+#include "utils/net/sockaddr.h"
+
 namespace {
+
+TEST(Sockaddr, TextConstructorTakesLiteralsOnly) {
+  const struct {
+    const char* text;
+    unsigned int port;
+    int family;
+    unsigned short expectedPort;
+    bool loopback;
+  } cases[] = {
+      {"10.0.0.1", 80, AF_INET, 80, false},
+      {"127.0.0.1", 1, AF_INET, 1, true},
+      {"127.0.0.2", 1, AF_INET, 1, false},  // loopback is one address per family
+      {"::1", 443, AF_INET6, 443, true},
+      {"::2", 443, AF_INET6, 443, false},
+      {"::ffff:127.0.0.1", 1, AF_INET6, 1, false},
+      {"fe80::1:2", 0x12345, AF_INET6, 0x2345, false},  // only the low 16 bits
+      {"localhost", 80, AF_UNSPEC, 0, false},
+      {"[::1]", 80, AF_UNSPEC, 0, false},
+      {"10.0.0.1:80", 80, AF_UNSPEC, 0, false},
+      {"", 80, AF_UNSPEC, 0, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    utils::Sockaddr address(c.text, c.port);
+    EXPECT_EQ(address.GetAddrFamilyType(), c.family);
+    bool ok = false;
+    EXPECT_EQ(address.GetPort(&ok), c.expectedPort);
+    EXPECT_EQ(ok, c.family != AF_UNSPEC);
+    EXPECT_EQ(address.GetTextAddr(), c.family == AF_UNSPEC ? "" : c.text);
+    EXPECT_EQ(address.IsLoopback(), c.loopback);
+    EXPECT_EQ(address.GetSockaddrLen(), c.family == AF_INET    ? sizeof(sockaddr_in)
+                                        : c.family == AF_INET6 ? sizeof(sockaddr_in6)
+                                                               : 0u);
+  }
+  // A failed parse leaves every byte zero, so it equals a fresh object.
+  EXPECT_TRUE(utils::Sockaddr("nonsense", 1234) == utils::Sockaddr());
+  EXPECT_FALSE(utils::Sockaddr().IsLoopback());
+}
+
+TEST(Sockaddr, PortAndAddressChangesOnlyApplyToIpFamilies) {
+  utils::Sockaddr address("192.168.1.2", 1);
+  address.SetPort(0x1234);
+  EXPECT_EQ(address.AsSockaddrIn()->sin_port, htons(0x1234));
+  address.SetAnyAddr();
+  EXPECT_EQ(address.GetTextAddr(), "0.0.0.0");
+  EXPECT_EQ(address.GetPort(nullptr), 0x1234);
+  utils::Sockaddr v6("2001:db8::5", 9);
+  v6.SetAnyAddr();
+  EXPECT_EQ(v6.GetTextAddr(), "::");
+  EXPECT_EQ(v6.AsSockaddrIn(), nullptr);
+
+  utils::Sockaddr unspecified;
+  unspecified.SetPort(80);
+  EXPECT_TRUE(unspecified.IsUnspec());
+  EXPECT_EQ(unspecified.GetPort(nullptr), 0);
+  EXPECT_EQ(unspecified.AsSockaddrIn6(), nullptr);
+}
+
+TEST(Sockaddr, EqualityComparesWhatTheFamilyDefines) {
+  EXPECT_FALSE(utils::Sockaddr("10.0.0.1", 80) == utils::Sockaddr("10.0.0.1", 81));
+  EXPECT_FALSE(utils::Sockaddr("::1", 80) == utils::Sockaddr("127.0.0.1", 80));
+
+  // IPv4: the padding behind address and port does not count.
+  sockaddr_in raw{};
+  raw.sin_family = AF_INET;
+  raw.sin_port = htons(80);
+  inet_pton(AF_INET, "10.0.0.1", &raw.sin_addr);
+  std::memset(raw.sin_zero, 0xAB, sizeof(raw.sin_zero));
+  EXPECT_TRUE(utils::Sockaddr(raw) == utils::Sockaddr("10.0.0.1", 80));
+
+  // IPv6: scope id and flow information count.
+  sockaddr_in6 scoped{};
+  scoped.sin6_family = AF_INET6;
+  const utils::Sockaddr plain(scoped);
+  scoped.sin6_scope_id = 2;
+  EXPECT_TRUE(utils::Sockaddr(scoped) != plain);
+  scoped.sin6_scope_id = 0;
+  scoped.sin6_flowinfo = 7;
+  EXPECT_TRUE(utils::Sockaddr(scoped) != plain);
+
+  // A raw sockaddr_in is copied whatever its family says; such an address
+  // equals nothing, not even itself.
+  sockaddr_in odd{};
+  odd.sin_family = AF_UNIX;
+  const utils::Sockaddr oddAddress(odd);
+  EXPECT_EQ(oddAddress.GetAddrFamilyType(), AF_UNIX);
+  EXPECT_TRUE(oddAddress != oddAddress);
+
+  // Copying from a generic sockaddr keeps only IP families.
+  sockaddr_storage local{};
+  local.ss_family = AF_UNIX;
+  EXPECT_TRUE(utils::Sockaddr(local).IsUnspec());
+  EXPECT_TRUE(utils::Sockaddr(*utils::Sockaddr("::1", 5).AsSockaddr()) ==
+              utils::Sockaddr("::1", 5));
+}
+
+TEST(AddressHelpers, LiteralValidationAndLengths) {
+  const struct {
+    const char* text;
+    bool ip4, ip6;
+  } cases[] = {
+      {"127.0.0.1", true, false},   {"::1", false, true},       {"::ffff:1.2.3.4", false, true},
+      {"256.1.1.1", false, false},  {"[::1]", false, false},    {"example.com", false, false},
+      {"1.2.3.4:80", false, false}, {" 1.2.3.4", false, false}, {"", false, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    EXPECT_EQ(utils::IsValidIp4Addr(c.text), c.ip4);
+    EXPECT_EQ(utils::IsValidIp6Addr(std::string(c.text)), c.ip6);
+    EXPECT_EQ(utils::IsValidIpAddr(c.text), c.ip4 || c.ip6);
+  }
+  EXPECT_FALSE(utils::IsValidIpAddr(static_cast<const char*>(nullptr)));
+  for (size_t length = 0; length <= sizeof(sockaddr_storage); ++length) {
+    EXPECT_EQ(utils::IsValidSockaddrLen(length), length == 16 || length == 28) << length;
+  }
+}
+
 
 TEST(ConnectionMode, TextIsCaseInsensitiveAndUnknownTextKeepsTheDefault) {
   using namespace utils;
