@@ -19,7 +19,6 @@
 #include "net/support/peers.h"
 #include "net/test_helpers.h"
 #include "utils/net/cancelable_block_operation_point.h"
-#include "utils/net/sockaddr.h"
 #include "utils/net/socket.h"
 
 namespace {
@@ -39,35 +38,29 @@ bool WaitFor(int descriptor, short events) {
   return poll(&entry, 1, 5000) == 1;
 }
 
-// A non-blocking Socket connected to a loopback listener, and the peer's end.
-struct ConnectedSocket {
-  ConnectedSocket() : socket(nullptr) {
-    EXPECT_EQ(socket.Create(AF_INET, SOCK_STREAM, 0, true), utils::impl::SocketStatusDone);
-    utils::Sockaddr address("127.0.0.1", static_cast<unsigned>(listener.Port()));
-    socket.Connect(address.AsSockaddr(), address.GetSockaddrLen());
-    EXPECT_TRUE(WaitFor(socket.Descriptor(), POLLOUT));
-    EXPECT_FALSE(socket.IsError());
-    peer = listener.Accept();
-    EXPECT_TRUE(peer.Valid());
-  }
-  nettest::Listener listener;
-  Socket socket;
-  nettest::Fd peer;
-};
-
 // A client connected to a loopback listener, and the accepted peer.
 struct Connected {
   Connected() {
     EXPECT_EQ(nettest::ConnectLoopback(&client, listener.Service()), Client::ErrorNone);
     peer = listener.Accept();
   }
+  // Moves the (non-blocking) connection into a bare Socket.
+  void Bare() { socket.Attach(client.DetachNativeHandle(), "localhost"); }
+
   nettest::Listener listener;
   Client client;
   nettest::Fd peer;
+  Socket socket{nullptr};
 };
 
-TEST(Socket, ReceiveReportsWouldBlockDataPeekAndEndOfStream) {
-  ConnectedSocket pair;
+// A failed TLS set-up leaves the plain socket working.
+TEST(Socket, ReceiveReportsWouldBlockDataPeekAndEndOfStreamAfterFailedTls) {
+  nettest::ClearTlsEnvironment();
+  Connected pair;
+  pair.Bare();
+  EXPECT_EQ(pair.socket.InitializeSecureData("localhost", true, utils::tls::CertSettings()),
+            utils::impl::SocketStatusFailed);
+  EXPECT_FALSE(pair.socket.IsSecure());
   char buffer[16];
   size_t done = 99;
   EXPECT_EQ(pair.socket.Recv(buffer, sizeof(buffer), &done), utils::impl::SocketStatusWantRead);
@@ -85,10 +78,18 @@ TEST(Socket, ReceiveReportsWouldBlockDataPeekAndEndOfStream) {
   pair.peer = nettest::Fd();
   ASSERT_TRUE(WaitFor(pair.socket.Descriptor(), POLLIN));
   EXPECT_EQ(pair.socket.Recv(buffer, sizeof(buffer), &done), utils::impl::SocketStatusEndOfStream);
+
+  // Without verification the set-up needs no CA and switches to TLS.
+  EXPECT_EQ(pair.socket.InitializeSecureData(nullptr, false, utils::tls::CertSettings()),
+            utils::impl::SocketStatusDone);
+  EXPECT_TRUE(pair.socket.IsSecure());
+  pair.socket.FreeSecureData();
+  EXPECT_FALSE(pair.socket.IsSecure());
 }
 
 TEST(Socket, SendReportsFullBufferAndVanishedPeerWithoutSignal) {
-  ConnectedSocket pair;
+  Connected pair;
+  pair.Bare();
   const int small = 4096;
   setsockopt(pair.socket.Descriptor(), SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
   const std::string chunk(64 * 1024, 'x');
@@ -107,81 +108,77 @@ TEST(Socket, SendReportsFullBufferAndVanishedPeerWithoutSignal) {
   EXPECT_EQ(status, utils::impl::SocketStatusFailed);
 }
 
-TEST(Socket, OwnershipMovesThroughCreateAttachAndDetach) {
+TEST(Socket, CreateReplacesAndCloseReleasesTheDescriptor) {
   Socket socket(nullptr);
   ASSERT_EQ(socket.Create(AF_INET, SOCK_STREAM, 0, false), utils::impl::SocketStatusDone);
   const int first = socket.Descriptor();
   EXPECT_EQ(fcntl(first, F_GETFL) & O_NONBLOCK, 0);
   // Create again closes the first descriptor (whose number the new one may reuse).
   ASSERT_EQ(socket.Create(AF_INET, SOCK_STREAM, 0, true), utils::impl::SocketStatusDone);
-  EXPECT_TRUE(socket.Descriptor() == first || fcntl(first, F_GETFD) == -1);
-  EXPECT_NE(fcntl(socket.Descriptor(), F_GETFL) & O_NONBLOCK, 0);
-
-  const int detached = socket.Detach();
-  EXPECT_EQ(socket.Descriptor(), -1);
-  EXPECT_NE(fcntl(detached, F_GETFD), -1) << "detaching must not close";
-  socket.Attach(detached, "example.test");
-  EXPECT_EQ(socket.Descriptor(), detached);
+  const int second = socket.Descriptor();
+  EXPECT_TRUE(second == first || fcntl(first, F_GETFD) == -1);
+  EXPECT_NE(fcntl(second, F_GETFL) & O_NONBLOCK, 0);
+  // Detach hands the descriptor over unclosed.
+  socket.Attach(socket.Detach(), "example.test");
   EXPECT_EQ(socket.HostName(), "example.test");
   EXPECT_EQ(socket.Close(), 0);
   EXPECT_EQ(socket.Descriptor(), -1);
-  EXPECT_EQ(fcntl(detached, F_GETFD), -1);
+  EXPECT_EQ(fcntl(second, F_GETFD), -1);
 }
 
-TEST(Socket, FailedTlsSetUpLeavesThePlainSocket) {
-  nettest::ClearTlsEnvironment();
-  ConnectedSocket pair;
-  const int descriptor = pair.socket.Descriptor();
-  EXPECT_EQ(pair.socket.InitializeSecureData("localhost", true, utils::tls::CertSettings()),
-            utils::impl::SocketStatusFailed);
-  EXPECT_FALSE(pair.socket.IsSecure());
-  EXPECT_EQ(pair.socket.Descriptor(), descriptor);
-  nettest::SendText(pair.peer.Get(), "plain");
-  char buffer[8];
-  size_t done = 0;
-  ASSERT_TRUE(WaitFor(descriptor, POLLIN));
-  ASSERT_EQ(pair.socket.Recv(buffer, sizeof(buffer), &done), utils::impl::SocketStatusDone);
-  EXPECT_EQ(std::string(buffer, done), "plain");
-
-  // Without verification the set-up needs no CA and switches to TLS.
-  EXPECT_EQ(pair.socket.InitializeSecureData(nullptr, false, utils::tls::CertSettings()),
-            utils::impl::SocketStatusDone);
-  EXPECT_TRUE(pair.socket.IsSecure());
-  pair.socket.FreeSecureData();
-  EXPECT_FALSE(pair.socket.IsSecure());
-}
-
-// Runs call while another thread cancels client a little later, which must
-// end it promptly. Whether the wait has begun by then does not matter, since
-// a pending cancellation cancels the next wait.
-template <typename Call>
-void ExpectCanceledPromptly(Client* client, Call call) {
-  std::thread canceler([client] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    client->Cancel();
-  });
-  const auto start = Clock::now();
-  EXPECT_EQ(call(), Client::ErrorCanceled);
-  EXPECT_LT(ElapsedMs(start), kPromptMs);
-  canceler.join();
-}
-
-TEST(Client, CancelFromAnotherThreadWakesEachKindOfWait) {
-  Connected c;  // the peer never answers
-  char buffer[8];
-  size_t received = 1;
-  ExpectCanceledPromptly(&c.client,
-                         [&] { return c.client.Recv(buffer, sizeof(buffer), &received, kLongMs); });
-  EXPECT_EQ(received, 0u);
-  ExpectCanceledPromptly(&c.client, [&] { return c.client.Sleep(kLongMs); });
-  ExpectCanceledPromptly(&c.client, [&] {
-    return c.client.InitiateSecureSession("localhost", kLongMs, utils::kSecureSessionNoVerify,
-                                          utils::tls::CertSettings());
-  });
+// Each kind of wait ends at its time-out, or promptly when another thread
+// cancels it. Whether the wait has begun by then does not matter, since a
+// pending cancellation cancels the next wait.
+TEST(Client, EachWaitEndsAtItsTimeOutOrWhenCanceledFromAnotherThread) {
   nettest::SilentListener silent;
-  Client connecting;
-  ExpectCanceledPromptly(
-      &connecting, [&] { return connecting.Connect("127.0.0.1", silent.Service(), kLongMs); });
+  char buffer[100];
+  const struct {
+    const char* name;
+    Client::Error_t atTimeOut;
+    std::function<Client::Error_t(Connected&, int)> wait;
+  } cases[] = {
+      {"RecvAll", Client::ErrorTimedOut,
+       [&](Connected& c, int ms) {
+         nettest::SendText(c.peer.Get(), std::string(10, 'a'));
+         size_t received = 0;
+         const auto result = utils::RecvAll(&c.client, buffer, sizeof(buffer), &received, ms);
+         EXPECT_EQ(received, 10u);  // one deadline over the whole buffer
+         return result;
+       }},
+      {"Recv", Client::ErrorTimedOut,
+       [&](Connected& c, int ms) {
+         size_t received = 1;
+         const auto result = c.client.Recv(buffer, sizeof(buffer), &received, ms);
+         EXPECT_EQ(received, 0u);
+         return result;
+       }},
+      {"Sleep", Client::ErrorNone, [&](Connected& c, int ms) { return c.client.Sleep(ms); }},
+      {"TLS handshake", Client::ErrorTimedOut,
+       [&](Connected& c, int ms) {
+         return c.client.InitiateSecureSession("localhost", ms, utils::kSecureSessionNoVerify,
+                                               utils::tls::CertSettings());
+       }},
+      {"Connect", Client::ErrorTimedOut,
+       [&](Connected& c, int ms) { return c.client.Connect("127.0.0.1", silent.Service(), ms); }},
+  };
+  for (const auto& w : cases) {
+    SCOPED_TRACE(w.name);
+    Connected timed, canceled;  // peers that never answer
+    auto start = Clock::now();
+    EXPECT_EQ(w.wait(timed, 300), w.atTimeOut);
+    EXPECT_GE(ElapsedMs(start), 250);
+    EXPECT_LT(ElapsedMs(start), kPromptMs);
+    std::thread canceler([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      canceled.client.Cancel();
+    });
+    start = Clock::now();
+    EXPECT_EQ(w.wait(canceled, kLongMs), Client::ErrorCanceled);
+    EXPECT_LT(ElapsedMs(start), kPromptMs);
+    canceler.join();
+  }
+  Connected c;
+  EXPECT_EQ(c.client.Recv(buffer, 1, nullptr, 0), Client::ErrorTimedOut);
 }
 
 TEST(Client, EachPendingCancelConsumesExactlyOneWait) {
@@ -214,39 +211,6 @@ TEST(CancelableBlockOperationPoint, CancellationWinsOverReadiness) {
   EXPECT_EQ(point.WaitFor(peer, utils::impl::OperationRead, 0), utils::impl::WaitTimedOut);
   EXPECT_EQ(point.WaitFor(peer, static_cast<utils::impl::OperationType_t>(9), 0),
             utils::impl::WaitFailed);
-}
-
-TEST(Client, WaitsEndAtTheirTimeOutKeepingWhatArrived) {
-  Connected c;  // the peer sends ten bytes, then nothing
-  nettest::SendText(c.peer.Get(), std::string(10, 'a'));
-  nettest::SilentListener silent;
-  Client connecting;
-  char buffer[100];
-  size_t received = 0;
-  const struct {
-    const char* name;
-    long minMs;
-    std::function<Client::Error_t()> call;
-  } cases[] = {
-      {"RecvAll", 250,
-       [&] { return utils::RecvAll(&c.client, buffer, sizeof(buffer), &received, 300); }},
-      {"Recv", 150, [&] { return c.client.Recv(buffer, sizeof(buffer), nullptr, 200); }},
-      {"Recv without waiting", 0, [&] { return c.client.Recv(buffer, 1, nullptr, 0); }},
-      {"TLS handshake", 250,
-       [&] {
-         return c.client.InitiateSecureSession("localhost", 300, utils::kSecureSessionNoVerify,
-                                               utils::tls::CertSettings());
-       }},
-      {"Connect", 250, [&] { return connecting.Connect("127.0.0.1", silent.Service(), 300); }},
-  };
-  for (const auto& w : cases) {
-    SCOPED_TRACE(w.name);
-    const auto start = Clock::now();
-    EXPECT_EQ(w.call(), Client::ErrorTimedOut);
-    EXPECT_GE(ElapsedMs(start), w.minMs);
-    EXPECT_LT(ElapsedMs(start), kPromptMs);
-  }
-  EXPECT_EQ(received, 10u);  // RecvAll has one deadline over the whole buffer
 }
 
 TEST(Client, TlsWritesToAResetPeerFailWithoutSignal) {
