@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -103,14 +104,6 @@ TEST(Sockaddr, EqualityComparesWhatTheFamilyDefines) {
   scoped.sin6_flowinfo = 7;
   EXPECT_TRUE(utils::Sockaddr(scoped) != plain);
 
-  // A raw sockaddr_in is copied whatever its family says; such an address
-  // equals nothing, not even itself.
-  sockaddr_in odd{};
-  odd.sin_family = AF_UNIX;
-  const utils::Sockaddr oddAddress(odd);
-  EXPECT_EQ(oddAddress.GetAddrFamilyType(), AF_UNIX);
-  EXPECT_TRUE(oddAddress != oddAddress);
-
   // Copying from a generic sockaddr keeps only IP families.
   sockaddr_storage local{};
   local.ss_family = AF_UNIX;
@@ -174,24 +167,16 @@ TEST(GetAddressInfo, FamilyOrderIsStableAndNeverRelinksRecords) {
     ASSERT_NE(info, nullptr);
     const std::vector<const addrinfo*> records = Walk(*info);
     // The first family's records, then the others, each in resolver order.
-    Kinds expected;
-    for (const auto& kind : resolver) {
-      if (kind.first == first) expected.push_back(kind);
-    }
-    for (const auto& kind : resolver) {
-      if (kind.first != first) expected.push_back(kind);
-    }
+    Kinds expected = resolver;
+    std::stable_partition(expected.begin(), expected.end(),
+                          [first](const std::pair<int, int>& kind) { return kind.first == first; });
     EXPECT_EQ(KindsOf(records), expected);
 
-    // ai_next still follows the resolver from its head, the record nobody points to.
-    const addrinfo* head = nullptr;
-    for (const addrinfo* candidate : records) {
-      bool pointedTo = false;
-      for (const addrinfo* r : records) pointedTo = pointedTo || r->ai_next == candidate;
-      if (!pointedTo) head = candidate;
-    }
-    std::vector<const addrinfo*> chain;
-    for (const addrinfo* p = head; p != nullptr; p = p->ai_next) chain.push_back(p);
+    // ai_next still follows the resolver from its head (each kind is there once).
+    std::vector<const addrinfo*> chain = {
+        *std::find_if(records.begin(), records.end(),
+                      [&](const addrinfo* r) { return KindsOf({r})[0] == resolver[0]; })};
+    while (chain.back()->ai_next != nullptr) chain.push_back(chain.back()->ai_next);
     EXPECT_EQ(KindsOf(chain), resolver);
 
     EXPECT_EQ(info->Next(), nullptr);
@@ -213,7 +198,6 @@ TEST(GetAddressInfo, LocalPathIsCutToTheAddressFieldWithoutResolving) {
   const addrinfo* record = info->Next();
   ASSERT_NE(record, nullptr);
   EXPECT_EQ(info->Next(), nullptr);
-  EXPECT_EQ(info->Rewind(), record);
   EXPECT_EQ(record->ai_family, AF_UNIX);
   EXPECT_EQ(record->ai_socktype, SOCK_STREAM);
   EXPECT_EQ(record->ai_next, nullptr);

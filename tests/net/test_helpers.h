@@ -25,9 +25,6 @@ inline void ClearTlsEnvironment() {
   }
 }
 
-// A loopback port that had a listener a moment ago and so surely has none now.
-inline int ClosedPort() { return Listener().Port(); }
-
 inline Client::Error_t ConnectLoopback(Client* client, const std::string& service) {
   return client->Connect("127.0.0.1", service, 5000);
 }
@@ -46,15 +43,15 @@ inline Client::Error_t Tunnel(Client* client, const std::string& proxyService,
 // which nginx does after an HTTP/1.0 answer (with close_notify under TLS).
 inline Client::Error_t HttpGet(Client* client, std::string* body) {
   const std::string request = "GET / HTTP/1.0\r\nHost: localhost\r\n\r\n";
-  Client::Error_t result = utils::SendAll(client, request.data(), request.size(), nullptr, 5000);
-  if (result != Client::ErrorNone) return result;
   std::string response(4096, '\0');
   size_t received = 0;
-  result = utils::RecvAll(client, &response[0], response.size(), &received, 5000);
-  if (result != Client::ErrorEndOfStream) return result;
-  response.resize(received);
-  *body = response.substr(response.find("\r\n\r\n") + 4);
-  return Client::ErrorNone;
+  Client::Error_t result = utils::SendAll(client, request.data(), request.size(), nullptr, 5000);
+  if (result == Client::ErrorNone) {
+    result = utils::RecvAll(client, &response[0], response.size(), &received, 5000);
+  }
+  *body = response.substr(0, received);
+  body->erase(0, body->find("\r\n\r\n") + 4);
+  return result == Client::ErrorEndOfStream ? Client::ErrorNone : result;
 }
 
 }  // namespace nettest
