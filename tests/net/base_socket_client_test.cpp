@@ -25,6 +25,7 @@ namespace {
 
 using nettest::Client;
 using nettest::Clock;
+using nettest::Connected;
 using nettest::ElapsedMs;
 using utils::impl::Socket;
 
@@ -38,26 +39,16 @@ bool WaitFor(int descriptor, short events) {
   return poll(&entry, 1, 5000) == 1;
 }
 
-// A client connected to a loopback listener, and the accepted peer.
-struct Connected {
-  Connected() {
-    EXPECT_EQ(nettest::ConnectLoopback(&client, listener.Service()), Client::ErrorNone);
-    peer = listener.Accept();
-  }
-  // Moves the (non-blocking) connection into a bare Socket.
-  void Bare() { socket.Attach(client.DetachNativeHandle(), "localhost"); }
-
-  nettest::Listener listener;
-  Client client;
-  nettest::Fd peer;
+// A connection moved (non-blocking) into a bare Socket.
+struct Bare : nettest::Connected {
+  Bare() { socket.Attach(client.DetachNativeHandle(), "localhost"); }
   Socket socket{nullptr};
 };
 
 // A failed TLS set-up leaves the plain socket working.
 TEST(Socket, ReceiveReportsWouldBlockDataPeekAndEndOfStreamAfterFailedTls) {
   nettest::ClearTlsEnvironment();
-  Connected pair;
-  pair.Bare();
+  Bare pair;
   // The client lets go of the detached descriptor for good.
   EXPECT_EQ(pair.client.DetachNativeHandle(), -1);
   char buffer[16];
@@ -92,8 +83,7 @@ TEST(Socket, ReceiveReportsWouldBlockDataPeekAndEndOfStreamAfterFailedTls) {
 }
 
 TEST(Socket, SendReportsFullBufferAndVanishedPeerWithoutSignal) {
-  Connected pair;
-  pair.Bare();
+  Bare pair;
   const int small = 4096;
   setsockopt(pair.socket.Descriptor(), SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
   const std::string chunk(64 * 1024, 'x');
@@ -293,9 +283,9 @@ TEST(Client, ConnectMovesOnFromAnAddressThatDoesNotAnswer) {
   EXPECT_EQ(client.ConnectEx("127.0.0.1", service, utils::ConnectionModeIPv6, 5000),
             Client::ErrorNone);
   // A refused port and a service the resolver does not know both fail.
-  EXPECT_EQ(nettest::ConnectLoopback(&client, std::to_string(nettest::FreePort(AF_INET))),
+  EXPECT_EQ(client.Connect("127.0.0.1", std::to_string(nettest::FreePort(AF_INET)), 5000),
             Client::ErrorFailed);
-  EXPECT_EQ(nettest::ConnectLoopback(&client, "no-such-service-name"), Client::ErrorFailed);
+  EXPECT_EQ(client.Connect("127.0.0.1", "no-such-service-name", 5000), Client::ErrorFailed);
 }
 
 TEST(Client, ConnectsToLocalSockets) {

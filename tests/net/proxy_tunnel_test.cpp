@@ -1,11 +1,11 @@
 // Proxy handshakes against a peer that answers canned bytes, records what the
-// client sent, and covers every way a proxy can refuse or garble.
+// client sent, and covers every way a proxy can refuse or garble. A half-close
+// by the peer ends the stream without the reset that unread bytes would cause.
 #include "utils/net/proxy_tunnel.h"
 
 #include <sys/socket.h>
 
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -18,38 +18,6 @@
 namespace {
 
 using nettest::Client;
-
-// Serves one connection: per turn, reads a count of bytes and answers; then
-// half-closes if asked (which ends the stream without the reset that unread
-// bytes would cause) and reads on until the client goes.
-class CannedPeer {
- public:
-  using Turns = std::vector<std::pair<std::string, std::string>>;
-
-  explicit CannedPeer(Turns turns, bool closeAfterAnswer = false)
-      : thread_([this, turns, closeAfterAnswer] {
-          nettest::Fd client = listener_.Accept(10000);
-          if (!client.Valid()) return;
-          for (const auto& turn : turns) {
-            request_ += nettest::ReceiveText(client.Get(), turn.first.size());
-            nettest::SendText(client.Get(), turn.second);
-          }
-          if (closeAfterAnswer) shutdown(client.Get(), SHUT_WR);
-          request_ += nettest::ReceiveText(client.Get(), std::string::npos);
-        }) {}
-  ~CannedPeer() { Request(); }
-  std::string Service() const { return listener_.Service(); }
-  // What the client sent; call once the client has closed.
-  std::string Request() {
-    if (thread_.joinable()) thread_.join();
-    return request_;
-  }
-
- private:
-  nettest::Listener listener_;
-  std::string request_;
-  std::thread thread_;
-};
 
 template <size_t N>
 std::string Bytes(const char (&text)[N]) {  // keeps embedded NULs
@@ -71,7 +39,7 @@ TEST(ProxyTunnel, SendsExactRequestsAndTheTunnelStartsRightAfterTheReply) {
   const struct {
     utils::NetProxyInfo proxy;
     const char* target;
-    CannedPeer::Turns exchange;  // what the client sends, what the proxy answers
+    std::vector<std::pair<std::string, std::string>> exchange;  // client's bytes, proxy's answer
   } cases[] = {
       {Proxy(utils::NetProxyTypeSocks5),
        "localhost",
@@ -91,25 +59,32 @@ TEST(ProxyTunnel, SendsExactRequestsAndTheTunnelStartsRightAfterTheReply) {
              utils::Base64Encode(std::string("user:p:w")) + "\r\n\r\n",
          "HTTP/1.1 200 Connection established\r\nVia: test\r\n\r\n"}}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.target);
-    CannedPeer::Turns turns = c.exchange;
-    turns.back().second += "BANNER";  // the first tunnel bytes come with the reply
-    turns.push_back({"PING", ""});
-    CannedPeer peer(turns);
-    Client client;
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.target);
+    nettest::Connected c;  // the proxy's side is the peer
+    std::string request;
+    nettest::PeerThread proxy([&] {
+      for (const auto& step : row.exchange) {
+        request += nettest::ReceiveText(c.peer.Get(), step.first.size());
+        // The first tunnel bytes come with the reply.
+        nettest::SendText(c.peer.Get(),
+                          step.second + (&step == &row.exchange.back() ? "BANNER" : ""));
+      }
+      request += nettest::ReceiveText(c.peer.Get(), std::string::npos);
+    });
     std::string error;
-    ASSERT_EQ(nettest::Tunnel(&client, peer.Service(), c.proxy, c.target, 8080, &error),
+    EXPECT_EQ(utils::ConnectThroughProxy(row.target, 8080, row.proxy, &c.client, 5000, &error),
               Client::ErrorNone)
         << error;
     char banner[6];
-    ASSERT_EQ(utils::RecvAll(&client, banner, sizeof(banner), nullptr, 5000), Client::ErrorNone);
+    EXPECT_EQ(utils::RecvAll(&c.client, banner, sizeof(banner), nullptr, 5000), Client::ErrorNone);
     EXPECT_EQ(std::string(banner, sizeof(banner)), "BANNER");
-    ASSERT_EQ(client.Send("PING", 4, nullptr, 5000), Client::ErrorNone);
-    client.Close();
+    EXPECT_EQ(c.client.Send("PING", 4, nullptr, 5000), Client::ErrorNone);
+    c.client.Close();
+    proxy.join();
     std::string sent;
-    for (const auto& turn : turns) sent += turn.first;
-    EXPECT_EQ(peer.Request(), sent);
+    for (const auto& step : row.exchange) sent += step.first;
+    EXPECT_EQ(request, sent + "PING");
   }
 }
 
@@ -149,19 +124,24 @@ TEST(ProxyTunnel, AnswersOtherThanSuccessFailWithAReason) {
       {http, "", "HTTP/1.1 200 OK\r\n" + std::string(20000, 'x'), failed,
        "Proxy answer head exceeds 16384 bytes"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.answer.substr(0, 40));
-    // The peer answers after the first bytes of the request, whatever it is.
-    CannedPeer peer({{"...", c.answer}}, c.result == Client::ErrorEndOfStream);
-    Client client;
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.answer.substr(0, 40));
+    nettest::Connected c;
+    nettest::PeerThread proxy([&] {
+      nettest::ReceiveText(c.peer.Get(), 3);  // then answers, whatever the request
+      nettest::SendText(c.peer.Get(), row.answer);
+      if (row.result == Client::ErrorEndOfStream) shutdown(c.peer.Get(), SHUT_WR);
+      nettest::ReceiveText(c.peer.Get(), std::string::npos);  // until the client goes
+    });
     std::string error;
+    const int timeoutMs = row.result == Client::ErrorTimedOut ? 300 : 5000;
     const auto start = nettest::Clock::now();
-    EXPECT_EQ(nettest::Tunnel(&client, peer.Service(), Proxy(c.type, c.login), "example.test", 80,
-                              &error, c.result == Client::ErrorTimedOut ? 300 : 5000),
-              c.result);
-    EXPECT_EQ(error, c.reason);
-    EXPECT_GE(nettest::ElapsedMs(start), c.result == Client::ErrorTimedOut ? 250 : 0);
-    client.Close();  // the peer waits for the client to go
+    EXPECT_EQ(utils::ConnectThroughProxy("example.test", 80, Proxy(row.type, row.login), &c.client,
+                                         timeoutMs, &error),
+              row.result);
+    EXPECT_EQ(error, row.reason);
+    EXPECT_GE(nettest::ElapsedMs(start), timeoutMs == 300 ? 250 : 0);
+    c.client.Close();
   }
 }
 
