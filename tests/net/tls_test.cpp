@@ -79,43 +79,41 @@ enum Server { kGood, kUnknownCa, kExpired, kNotYetValid, kWrongHost, kWildcard, 
 // Two authorities (ca, other) and a revocation list of the first; one nginx
 // with a server block per certificate (in Server order); a hashed CA
 // directory holding only the trusted authority.
-struct Peers {
-  Peers() {
-    nettest::CertFactory factory(directory.Path());
-    const nettest::KeyPair ca = factory.CreateCa("ca");
-    const nettest::KeyPair other = factory.CreateCa("other");
-    factory.CreateCrl("ca", ca);
-    const long day = 86400;
-    const std::vector<nettest::KeyPair> leaves = {
-        factory.Issue("good", ca, "localhost", "DNS:localhost,IP:127.0.0.1"),
-        factory.Issue("unknown", other, "localhost", "DNS:localhost"),
-        factory.Issue("expired", ca, "localhost", "DNS:localhost", nettest::CertTime(-10 * day),
-                      nettest::CertTime(-day)),
-        factory.Issue("future", ca, "localhost", "DNS:localhost", nettest::CertTime(day),
-                      nettest::CertTime(30 * day)),
-        factory.Issue("wrong", ca, "other.test", "DNS:other.test"),
-        factory.Issue("wildcard", ca, "wildcard", "DNS:*.wild.test"),
-        factory.Issue("iponly", ca, "localhost", "IP:127.0.0.1"),
-        factory.Issue("cnonly", ca, "localhost", ""),
-    };
-    std::vector<nettest::Nginx::Server> servers;
-    for (const auto& leaf : leaves) servers.push_back({0, leaf.certificate, leaf.key, ""});
-    nginx.reset(new nettest::Nginx(directory.Path(), servers));
-    std::filesystem::create_directories(directory.File("cadir"));
-    nettest::WriteFile(directory.File("cadir/ca.pem"), nettest::ReadFile(ca.certificate));
-    nettest::RunCommand({"openssl", "rehash", directory.File("cadir")}, directory.File("log"));
-  }
-  nettest::TempDir directory;
-  std::unique_ptr<nettest::Nginx> nginx;
-};
-
 class SecureSession : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { peers_.reset(new Peers()); }
-  static void TearDownTestSuite() { peers_.reset(); }
+  static void SetUpTestSuite() {
+    directory_.reset(new nettest::TempDir());
+    nettest::CertFactory factory(directory_->Path());
+    const nettest::KeyPair ca = factory.CreateCa("ca"), other = factory.CreateCa("other");
+    factory.CreateCrl("ca", ca);
+    const long day = 86400;
+    std::vector<nettest::Nginx::Server> servers;
+    for (const auto& leaf : {
+             factory.Issue("good", ca, "localhost", "DNS:localhost,IP:127.0.0.1"),
+             factory.Issue("unknown", other, "localhost", "DNS:localhost"),
+             factory.Issue("expired", ca, "localhost", "DNS:localhost",
+                           nettest::CertTime(-10 * day), nettest::CertTime(-day)),
+             factory.Issue("future", ca, "localhost", "DNS:localhost", nettest::CertTime(day),
+                           nettest::CertTime(30 * day)),
+             factory.Issue("wrong", ca, "other.test", "DNS:other.test"),
+             factory.Issue("wildcard", ca, "wildcard", "DNS:*.wild.test"),
+             factory.Issue("iponly", ca, "localhost", "IP:127.0.0.1"),
+             factory.Issue("cnonly", ca, "localhost", ""),
+         }) {
+      servers.push_back({0, leaf.certificate, leaf.key, ""});
+    }
+    nginx_.reset(new nettest::Nginx(directory_->Path(), servers));
+    std::filesystem::create_directories(File("cadir"));
+    nettest::WriteFile(File("cadir/ca.pem"), Pem("ca"));
+    nettest::RunCommand({"openssl", "rehash", File("cadir")}, File("log"));
+  }
+  static void TearDownTestSuite() {
+    nginx_.reset();
+    directory_.reset();
+  }
   void SetUp() override { nettest::ClearTlsEnvironment(); }
 
-  static std::string File(const std::string& name) { return peers_->directory.File(name); }
+  static std::string File(const std::string& name) { return directory_->File(name); }
   static std::string Pem(const std::string& name) { return nettest::ReadFile(File(name + ".pem")); }
 
   // Handshake with server, then one request whose answer must be nginx's "ok".
@@ -126,7 +124,7 @@ class SecureSession : public ::testing::Test {
                                const utils::tls::CertSettings& settings = {}) {
     static Client client;
     const bool shortForm = host == kShortForm;
-    const std::string port = std::to_string(peers_->nginx->Port(server));
+    const std::string port = std::to_string(nginx_->Port(server));
     Client::Error_t result = client.Connect(shortForm ? "localhost" : "127.0.0.1", port, 5000);
     if (result == Client::ErrorNone) {
       result = shortForm ? client.InitiateSecureSession(5000)
@@ -143,10 +141,12 @@ class SecureSession : public ::testing::Test {
     return utils::SslCtxLoadPemCertsFromMem(context, text.data(), std::min(size, text.size()));
   }
 
-  static std::unique_ptr<Peers> peers_;
+  static std::unique_ptr<nettest::TempDir> directory_;
+  static std::unique_ptr<nettest::Nginx> nginx_;
 };
 
-std::unique_ptr<Peers> SecureSession::peers_;
+std::unique_ptr<nettest::TempDir> SecureSession::directory_;
+std::unique_ptr<nettest::Nginx> SecureSession::nginx_;
 
 TEST_F(SecureSession, CountsEveryCertificateAndCrlAndQueuesAnErrorForNone) {
   const std::string bundle = Pem("ca") + Pem("other") + Pem("ca.crl");
@@ -166,14 +166,6 @@ TEST_F(SecureSession, CountsEveryCertificateAndCrlAndQueuesAnErrorForNone) {
   EXPECT_NE(utils::GetErrorStackStr(-1, true), "");
   // Only the first size bytes count.
   EXPECT_EQ(Load(context.get(), Pem("ca"), Pem("ca").size() / 2), 0);
-  ERR_clear_error();
-
-  using utils::tls::CertSettings;
-  const auto memoryOnly = utils::tls::CertModeMemoryOnly;
-  EXPECT_TRUE(utils::ConfigureOpensslCaVerification(context.get(), nullptr,
-                                                    CertSettings(bundle, memoryOnly)));
-  EXPECT_FALSE(
-      utils::ConfigureOpensslCaVerification(context.get(), nullptr, CertSettings("", memoryOnly)));
   ERR_clear_error();
 }
 
@@ -235,6 +227,7 @@ TEST_F(SecureSession, VerificationFollowsTrustChainDatesAndNames) {
       // Without environment, memory alone is the trust.
       {none, kGood, "localhost", ok, 0, "ca", CertModeMemoryOnly},
       {none, kGood, "localhost", failed, 0, "other", CertModeMemoryOnly},
+      {none, kGood, "localhost", failed, 0, "missing", CertModeMemoryOnly},  // empty memory
       {none, kGood, "localhost", failed, 0, "ca", CertModeEnvironmentThenMemory},
       {none, kGood, "localhost", failed, 0, "ca", CertModeMemoryThenEnvironment},
       // The environment trusts the other authority; memory adds the right one.
