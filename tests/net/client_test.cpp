@@ -131,49 +131,47 @@ TEST(Socket, CreateReplacesAndCloseReleasesTheDescriptor) {
 TEST(Client, EachWaitEndsAtItsTimeOutOrWhenCanceledFromAnotherThread) {
   nettest::SilentListener silent;
   char buffer[100];
+  size_t received;
   const struct {
     const char* name;
     Client::Error_t atTimeOut;
+    size_t received;  // what the count says afterwards; 1 is untouched
     std::function<Client::Error_t(Connected&, int)> wait;
   } cases[] = {
-      {"RecvAll", Client::ErrorTimedOut,
+      {"RecvAll", Client::ErrorTimedOut, 10,  // one deadline over the whole buffer
        [&](Connected& c, int ms) {
          nettest::SendText(c.peer.Get(), std::string(10, 'a'));
-         size_t received = 0;
-         const auto result = utils::RecvAll(&c.client, buffer, sizeof(buffer), &received, ms);
-         EXPECT_EQ(received, 10u);  // one deadline over the whole buffer
-         return result;
+         return utils::RecvAll(&c.client, buffer, sizeof(buffer), &received, ms);
        }},
-      {"Recv", Client::ErrorTimedOut,
-       [&](Connected& c, int ms) {
-         size_t received = 1;
-         const auto result = c.client.Recv(buffer, sizeof(buffer), &received, ms);
-         EXPECT_EQ(received, 0u);
-         return result;
-       }},
-      {"Sleep", Client::ErrorNone, [&](Connected& c, int ms) { return c.client.Sleep(ms); }},
-      {"TLS handshake", Client::ErrorTimedOut,
+      {"Recv", Client::ErrorTimedOut, 0,
+       [&](Connected& c, int ms) { return c.client.Recv(buffer, sizeof(buffer), &received, ms); }},
+      {"Sleep", Client::ErrorNone, 1, [&](Connected& c, int ms) { return c.client.Sleep(ms); }},
+      {"TLS handshake", Client::ErrorTimedOut, 1,
        [&](Connected& c, int ms) {
          return c.client.InitiateSecureSession("localhost", ms, utils::kSecureSessionNoVerify,
                                                utils::tls::CertSettings());
        }},
-      {"Connect", Client::ErrorTimedOut,
+      {"Connect", Client::ErrorTimedOut, 1,
        [&](Connected& c, int ms) { return c.client.Connect("127.0.0.1", silent.Service(), ms); }},
   };
   for (const auto& w : cases) {
     SCOPED_TRACE(w.name);
     Connected timed, canceled;  // peers that never answer
     auto start = Clock::now();
+    received = 1;
     EXPECT_EQ(w.wait(timed, 300), w.atTimeOut);
     EXPECT_GE(ElapsedMs(start), 250);
     EXPECT_LT(ElapsedMs(start), kPromptMs);
+    EXPECT_EQ(received, w.received);
     std::thread canceler([&] {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
       canceled.client.Cancel();
     });
     start = Clock::now();
+    received = 1;
     EXPECT_EQ(w.wait(canceled, kLongMs), Client::ErrorCanceled);
     EXPECT_LT(ElapsedMs(start), kPromptMs);
+    EXPECT_EQ(received, w.received);
     canceler.join();
   }
   Connected c;

@@ -37,27 +37,11 @@ struct Connected {
   Fd peer;
 };
 
-// A thread that is joined when it goes out of scope.
 struct PeerThread : std::thread {
   using std::thread::thread;
   ~PeerThread() {
     if (joinable()) join();
   }
 };
-
-// One HTTP/1.0 GET of "/"; the body once the server has ended the stream,
-// which nginx does after an HTTP/1.0 answer (with close_notify under TLS).
-inline Client::Error_t HttpGet(Client* client, std::string* body) {
-  const std::string request = "GET / HTTP/1.0\r\nHost: localhost\r\n\r\n";
-  std::string response(4096, '\0');
-  size_t received = 0;
-  Client::Error_t result = utils::SendAll(client, request.data(), request.size(), nullptr, 5000);
-  if (result == Client::ErrorNone) {
-    result = utils::RecvAll(client, &response[0], response.size(), &received, 5000);
-  }
-  *body = response.substr(0, received);
-  body->erase(0, body->find("\r\n\r\n") + 4);
-  return result == Client::ErrorEndOfStream ? Client::ErrorNone : result;
-}
 
 }  // namespace nettest

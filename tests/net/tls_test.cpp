@@ -116,7 +116,8 @@ class SecureSession : public ::testing::Test {
   static std::string File(const std::string& name) { return directory_->File(name); }
   static std::string Pem(const std::string& name) { return nettest::ReadFile(File(name + ".pem")); }
 
-  // Handshake with server, then one request whose answer must be nginx's "ok".
+  // Handshake with server, then one request whose answer must be nginx's "ok"
+  // (the stream ended, as nginx does after an HTTP/1.0 answer).
   // kShortForm connects to "localhost" and leaves host and trust to the short
   // form. One client serves every fetch, so each also checks that Close
   // leaves nothing of the last session behind.
@@ -130,9 +131,19 @@ class SecureSession : public ::testing::Test {
       result = shortForm ? client.InitiateSecureSession(5000)
                          : client.InitiateSecureSession(host, 5000, flags, settings);
     }
-    std::string body;
-    if (result == Client::ErrorNone) result = nettest::HttpGet(&client, &body);
-    EXPECT_TRUE(result != Client::ErrorNone || body == "ok\n") << body;
+    const std::string request = "GET / HTTP/1.0\r\nHost: localhost\r\n\r\n";
+    std::string answer(4096, '\0');
+    size_t received = 0;
+    if (result == Client::ErrorNone) {
+      result = utils::SendAll(&client, request.data(), request.size(), nullptr, 5000);
+    }
+    if (result == Client::ErrorNone) {
+      result = utils::RecvAll(&client, &answer[0], answer.size(), &received, 5000);
+    }
+    if (result == Client::ErrorEndOfStream) {
+      result = Client::ErrorNone;
+      EXPECT_EQ(answer.substr(0, received).substr(answer.find("\r\n\r\n") + 4), "ok\n");
+    }
     client.Close();
     return result;
   }

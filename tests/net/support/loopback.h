@@ -59,7 +59,6 @@ class Listener {
   explicit Listener(int family = AF_INET, int port = 0, int backlog = 16)
       : socket_(socket(family, SOCK_STREAM, 0)) {
     const int on = 1;
-    setsockopt(socket_.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     if (family == AF_INET6) setsockopt(socket_.Get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof(on));
     sockaddr_storage address;
     socklen_t length = LoopbackAddress(family, port, &address);

@@ -35,9 +35,7 @@ inline void WriteFile(const std::string& path, const std::string& content) {
 inline bool RunCommand(const std::vector<std::string>& argv, const std::string& logPath) {
   const pid_t pid = testsupport::StartProcess(argv, "/dev/null", logPath, "", true);
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  return waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 // A child process, killed when destroyed.
