@@ -17,24 +17,8 @@ std::string Param(const std::string& header, const std::string& name) {
   return header.substr(begin, header.find(',', begin) - begin);
 }
 
-TEST(DigestAuth, AnswersTheRfcExamples) {
-  digest::Challenge challenge;
-  // RFC 7616, section 3.9.1 (MD5).
-  ASSERT_TRUE(
-      digest::ParseChallenge("Digest realm=\"http-auth@example.org\", qop=\"auth, auth-int\", algorithm=MD5, "
-                             "nonce=\"7ypf/xlj9XXwfDPEoM4URrv/xwf94BcCAzFZH4GiTo0v\", "
-                             "opaque=\"FQhe/qaU925kfnzjCev0ciny7QMkPqMAFRtzCUYo5tdS\"",
-                             &challenge));
-  const std::string header = digest::BuildAuthorization(challenge, "Mufasa", "Circle of Life", "GET", "/dir/index.html",
-                                                        "f2/wE4q74E6zIJEtWaHKaf5wv/H5QzzpXusqGemxURZJ", 1);
-  EXPECT_EQ(Param(header, "response"), "8ca523f5e9506fed4657c9700eebdbec");
-  EXPECT_EQ(Param(header, "nc"), "00000001");
-  EXPECT_EQ(Param(header, "qop"), "auth");
-  EXPECT_EQ(Param(header, "opaque"), "FQhe/qaU925kfnzjCev0ciny7QMkPqMAFRtzCUYo5tdS");
-}
-
-// Digest with qop and both algorithms is checked against the scripted peer's
-// own computation; the forms it never sends are checked here.
+// Digest with qop, both algorithms and the request counter are checked by the
+// scripted peer's own computation; the forms it never sends are checked here.
 TEST(DigestAuth, AnswersOtherChallengeForms) {
   digest::Challenge challenge;
   ASSERT_TRUE(digest::ParseChallenge("digest realm=\"a, \\\"b\\\"\",nonce=abc", &challenge));
