@@ -95,12 +95,6 @@ TEST_F(HttpRequest, FollowsRedirectsUpToTheLimitRewritingTheMethodAsBrowsersDo) 
 }
 
 TEST_F(HttpRequest, CredentialsStayWithTheirOriginAcrossRedirects) {
-  EXPECT_EQ(Get(servers_->site.HttpUrl("/private/secret")), 401);
-  const std::string withUser =
-      "http://bob:pw@127.0.0.1:" + std::to_string(servers_->site.HttpPort()) + "/private/secret";
-  EXPECT_EQ(Get(withUser), 200);
-  EXPECT_EQ(body_, "for bob\n");
-
   const std::string peer = "127.0.0.1:" + std::to_string(servers_->peer.Port());
   const std::string echo = "http://" + peer + "/echo";
   const std::string viaNginx = "127.0.0.1:" + std::to_string(servers_->site.HttpPort()) + "/goto?to=" + echo;
@@ -520,8 +514,8 @@ TEST_F(HttpRequest, StreamsBodiesBothWaysInBoundedMemory) {
                                       &response_),
             utils::HttpRequestAborted);
 
-  // Sources: sized (Content-Length), unsized (chunked), and started over
-  // for a 307 only when they can be.
+  // Sources: unsized (chunked), sized (Content-Length) and started over for a
+  // 307 only when they can be.
   const std::string payload = httptest::NginxSite::FileContent(300000);
   const struct {
     int64_t size;
@@ -530,7 +524,6 @@ TEST_F(HttpRequest, StreamsBodiesBothWaysInBoundedMemory) {
     int expected;
     const char* framing;
   } cases[] = {
-      {300000, true, "/echo", 200, "Content-Length: 300000\r\n"},
       {-1, true, "/echo", 200, "Transfer-Encoding: chunked\r\n"},
       {300000, true, "/redirect?307&/echo", 200, "Content-Length: 300000\r\n"},
       {300000, false, "/redirect?307&/echo", 307, nullptr},
