@@ -17,67 +17,31 @@ std::string Param(const std::string& header, const std::string& name) {
   return header.substr(begin, header.find(',', begin) - begin);
 }
 
-TEST(DigestAuth, AnswersTheRfcExamples) {
+// Digest with qop, both algorithms and the request counter are checked by the
+// scripted peer's own computation; the forms it never sends are checked here.
+TEST(DigestAuth, AnswersOtherChallengeForms) {
   digest::Challenge challenge;
-  // RFC 7616, section 3.9.1 (MD5).
-  ASSERT_TRUE(digest::ParseChallenge(
-      "Digest realm=\"http-auth@example.org\", qop=\"auth, auth-int\", algorithm=MD5, "
-      "nonce=\"7ypf/xlj9XXwfDPEoM4URrv/xwf94BcCAzFZH4GiTo0v\", "
-      "opaque=\"FQhe/qaU925kfnzjCev0ciny7QMkPqMAFRtzCUYo5tdS\"",
-      &challenge));
-  std::string header = digest::BuildAuthorization(challenge, "Mufasa", "Circle of Life", "GET",
-                                                  "/dir/index.html",
-                                                  "f2/wE4q74E6zIJEtWaHKaf5wv/H5QzzpXusqGemxURZJ", 1);
-  EXPECT_EQ(Param(header, "response"), "8ca523f5e9506fed4657c9700eebdbec");
-  EXPECT_EQ(Param(header, "nc"), "00000001");
-  EXPECT_EQ(Param(header, "qop"), "auth");
-  EXPECT_EQ(Param(header, "opaque"), "FQhe/qaU925kfnzjCev0ciny7QMkPqMAFRtzCUYo5tdS");
-
-  // RFC 2617, section 3.5.
-  ASSERT_TRUE(digest::ParseChallenge(
-      "digest realm=\"testrealm@host.com\",qop=\"auth,auth-int\","
-      "nonce=\"dcd98b7102dd2f0e8b11d0f600bfb0c093\",opaque=\"5ccc069c403ebaf9f0171e9517f40e41\"",
-      &challenge));
-  header = digest::BuildAuthorization(challenge, "Mufasa", "Circle Of Life", "GET", "/dir/index.html",
-                                      "0a4f113b", 1);
-  EXPECT_EQ(Param(header, "response"), "6629fae49393a05397450978507c4ef1");
-}
-
-TEST(DigestAuth, SessionVariantAndNoQopChangeTheResponse) {
-  digest::Challenge challenge;
-  ASSERT_TRUE(digest::ParseChallenge("Digest realm=\"r\", nonce=\"n\"", &challenge));
+  ASSERT_TRUE(digest::ParseChallenge("digest realm=\"a, \\\"b\\\"\",nonce=abc", &challenge));
+  EXPECT_EQ(challenge.realm, "a, \"b\"");
+  EXPECT_EQ(challenge.nonce, "abc");
   EXPECT_FALSE(challenge.qopAuth);
   EXPECT_EQ(challenge.algorithm, "MD5");
   const std::string plain = digest::BuildAuthorization(challenge, "u", "p", "GET", "/", "c", 1);
+  EXPECT_NE(plain.find("realm=\"a, \\\"b\\\"\""), std::string::npos) << plain;
   EXPECT_EQ(Param(plain, "qop"), "<absent>");
-  // RFC 2069: MD5(MD5(u:r:p):n:MD5(GET:/)).
-  EXPECT_EQ(Param(plain, "response"), "f23121ca97143c6b358da620220c83b4");
-
-  ASSERT_TRUE(digest::ParseChallenge("Digest realm=\"r\", nonce=\"n\", algorithm=md5-sess, qop=auth",
-                                     &challenge));
-  EXPECT_EQ(challenge.algorithm, "MD5-sess");
-  const std::string session = digest::BuildAuthorization(challenge, "u", "p", "GET", "/", "c", 1);
-  EXPECT_NE(Param(session, "response"), Param(plain, "response"));
-  EXPECT_EQ(Param(session, "algorithm"), "MD5-sess");
+  // RFC 2069: MD5(MD5(u:realm:p):nonce:MD5(GET:/)).
+  EXPECT_EQ(Param(plain, "response"), "297e82bc7f173902610c81024c637dcb");
+  ASSERT_TRUE(digest::ParseChallenge("Digest realm=\"r\", nonce=\"n\", algorithm=md5-sess, qop=auth", &challenge));
+  EXPECT_EQ(Param(digest::BuildAuthorization(challenge, "u", "p", "GET", "/", "c", 1), "algorithm"), "MD5-sess");
+  EXPECT_EQ(digest::MakeClientNonce().size(), 32u);
+  EXPECT_NE(digest::MakeClientNonce(), digest::MakeClientNonce());
 }
 
 TEST(DigestAuth, RefusesChallengesItCannotAnswer) {
   for (const char* value : {"Basic realm=\"r\"", "Digest realm=\"r\"", "Digestive nonce=\"n\"",
-                            "Digest nonce=\"n\", algorithm=SHA-256", "Digest nonce=\"n\", qop=\"auth-int\"",
-                            ""}) {
+                            "Digest nonce=\"n\", algorithm=SHA-256", "Digest nonce=\"n\", qop=\"auth-int\"", ""}) {
     EXPECT_FALSE(digest::ParseChallenge(value, nullptr)) << value;
   }
-}
-
-TEST(DigestAuth, QuotedValuesKeepEscapesAndCommas) {
-  digest::Challenge challenge;
-  ASSERT_TRUE(digest::ParseChallenge("Digest realm=\"a, \\\"b\\\"\", nonce=abc", &challenge));
-  EXPECT_EQ(challenge.realm, "a, \"b\"");
-  EXPECT_EQ(challenge.nonce, "abc");
-  const std::string header = digest::BuildAuthorization(challenge, "u", "p", "GET", "/", "c", 1);
-  EXPECT_NE(header.find("realm=\"a, \\\"b\\\"\""), std::string::npos) << header;
-  EXPECT_EQ(digest::MakeClientNonce().size(), 32u);
-  EXPECT_NE(digest::MakeClientNonce(), digest::MakeClientNonce());
 }
 
 }  // namespace

@@ -19,15 +19,16 @@ const size_t kFileSizes[] = {0, 1024, 65536, 1000000, 20000000};
 
 PythonPeer::PythonPeer(const std::string& directory) {
   const std::string ready = directory + "/python.port";
-  process_.reset(new nettest::ChildProcess(
-      {"python3", CORVANE_SOURCE_DIR "/tests/http/fixtures/http_peer.py", ready}, directory + "/python.log"));
+  process_.reset(new nettest::ChildProcess({"python3", CORVANE_SOURCE_DIR "/tests/http/fixtures/http_peer.py", ready},
+                                           directory + "/python.log"));
   // The peer renames the file into place only once it listens.
   for (int i = 0; i < 1000 && access(ready.c_str(), F_OK) != 0; ++i) {
     if (!process_->Running()) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   if (sscanf(nettest::ReadFile(ready).c_str(), "%d %d", &port_, &socksPort_) != 2) port_ = 0;
-  if (port_ <= 0) throw std::runtime_error("python peer did not start: " + nettest::ReadFile(directory + "/python.log"));
+  if (port_ <= 0)
+    throw std::runtime_error("python peer did not start: " + nettest::ReadFile(directory + "/python.log"));
 }
 
 std::string PythonPeer::Url(const std::string& path) const {
@@ -54,15 +55,10 @@ NginxSite::NginxSite(const std::string& directory) {
   const nettest::KeyPair leaf = factory.Issue("leaf", ca, "localhost", "DNS:localhost");
   setenv("CORVANE_OPENSSL_CA_FILE", ca.certificate.c_str(), 1);
 
-  std::string extra = "    root " + root + ";\n" +
-                            "    location /private/ { auth_basic \"corvane\"; auth_basic_user_file " +
-                            directory + "/htpasswd; }\n" +
-                            "    location /moved/ { return 404; }\n" +
-                            "    location = /goto { return 302 $arg_to; }\n" +
-                            "    location = /conn { return 200 \"$connection $connection_requests $ssl_session_reused\"; }\n";
-  for (const char* code : {"301", "302", "303", "307", "308"}) {
-    extra += std::string("    location = /moved/") + code + " { return " + code + " /files/1024; }\n";
-  }
+  const std::string extra =
+      "    root " + root + ";\n    location /private/ { auth_basic \"corvane\"; auth_basic_user_file " + directory +
+      "/htpasswd; }\n    location = /goto { return 302 $arg_to; }\n"
+      "    location = /conn { return 200 \"$connection $connection_requests $ssl_session_reused\"; }\n";
   nettest::Nginx::Server plain;
   plain.extra = extra;
   nettest::Nginx::Server secure;

@@ -28,7 +28,7 @@ class PythonPeer {
 
 // nginx serving /files/<n> (n bytes of a repeating pattern, for the sizes in
 // FileSizes), /private/ behind Basic auth (user "bob", password "pw"),
-// /moved/<code> redirecting to /files/1024, /goto?to=URL redirecting to URL,
+// /goto?to=URL redirecting to URL,
 // /conn answering "<connection number> <its request count> <r if the TLS
 // session was resumed, else .>", on plain HTTP and on HTTPS with a
 // certificate for "localhost" only, whose authority is trusted through
