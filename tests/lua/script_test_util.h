@@ -16,14 +16,15 @@
 
 namespace lua_test {
 
-// The text of the RunTimeError that `f` throws.
-inline std::string ThrownText(const std::function<void()>& f) {
+// The text of the exception of type E that `f` throws.
+template <class E = lua::RunTimeError>
+std::string ThrownText(const std::function<void()>& f) {
   try {
     f();
-  } catch (const lua::RunTimeError& e) {
+  } catch (const E& e) {
     return e.what();
   }
-  return "<no RunTimeError>";
+  return "<nothing thrown>";
 }
 
 inline bool StartsWith(const std::string& text, const std::string& prefix) {
