@@ -6,8 +6,8 @@
 #include <utility>
 #include <vector>
 
-#include <boost/pointer_cast.hpp>
 #include <json/value.h>
+#include <boost/pointer_cast.hpp>
 
 #include "lua/script_test_util.h"
 #include "utils/files.h"
@@ -21,15 +21,26 @@ using lua_test::StartsWith;
 using lua_test::ThrownText;
 using Handles = std::vector<boost::shared_ptr<lua::ObjectRef>>;
 
+// Results are handles on the top slots, right above what was there, the
+// arguments of RunFunc included.
 TEST(RunTime, ResultsStayOnTheStackAsHandlesAtTheTopSlots) {
   auto rt = RunTime::Create();
   rt->CreateAtStack(7);
-  Handles results = rt->RunString("return 1, 'two', {3}", false);
+  Handles results = rt->RunString("function sub(a, b) return a - b, 'done' end return 1, 'two', {3}", false);
   ASSERT_EQ(results.size(), 3u);
   EXPECT_EQ(rt->StackTopIndex(), 4);
   EXPECT_EQ(results[0]->StackIndex(), 2);
   EXPECT_EQ(results[1]->AsString(), "two");
   EXPECT_TRUE(boost::dynamic_pointer_cast<TableRef>(results[2]));
+
+  Handles args = {rt->CreateAtStack(10), rt->CreateAtStack(3)};
+  results = rt->RunFunc("sub", args);
+  ASSERT_EQ(results.size(), 2u);
+  EXPECT_EQ(results[0]->StackIndex(), 7);
+  EXPECT_EQ(results[0]->AsInteger(), 7);
+  EXPECT_EQ(results[1]->AsString(), "done");
+  EXPECT_EQ(rt->RunFunc(rt->GetGlobalObject("sub"), {args[1], args[0]}).front()->AsInteger(), -7);
+  EXPECT_EQ(ThrownText([&] { rt->RunFunc(args[0], {}); }), "RunFunc(): expected type: function, got type: number");
 
   EXPECT_TRUE(rt->RunString("local x = 1", true).empty());
   EXPECT_TRUE(rt->IsStackEmpty());  // clearStack dropped the earlier values
@@ -43,43 +54,25 @@ TEST(RunTime, EveryArgumentFormArrivesInInitData) {
   testsupport::ScratchDir scratch;
   const std::string path = scratch.File("join.lua");
   std::ofstream(path) << join;
-  auto run = [&](const Handles& results) { return results.back()->AsString(); };
-
   Handles values = {rt->CreateAtStack(1), rt->CreateAtStack("b"), rt->CreateAtStack(true)};
-  EXPECT_EQ(run(rt->RunString(join, values, false)), "1,b,true");
-  EXPECT_EQ(run(rt->RunFile(path, values, false)), "1,b,true");
-  EXPECT_EQ(run(rt->RunFile(path, std::vector<std::string>{"x", "y"}, false)), "x,y");
   const char* argv[] = {"p", "q", "r"};
-  EXPECT_EQ(run(rt->RunFile(path, 3, argv, false)), "p,q,r");
-  EXPECT_EQ(run(rt->RunFile(path, false)), "");
   Json::Value json(Json::arrayValue);
   json.append("j1");
   json.append(2);
-  EXPECT_EQ(run(rt->RunFile(path, json, false)), "j1,2");
-  EXPECT_EQ(ThrownText([&] { rt->RunFile(path, Json::Value(5), false); }), "RunImpl(): invalid args type are passed");
   auto table = rt->RunString("return {'t1', 't2'}", false).back()->AsTableRef();
-  EXPECT_EQ(run(rt->RunFile(path, table, false)), "t1,t2");
-
+  std::string seen;
+  for (const Handles& results :
+       {rt->RunString(join, values, false), rt->RunFile(path, values, false),
+        rt->RunFile(path, std::vector<std::string>{"x", "y"}, false), rt->RunFile(path, 3, argv, false),
+        rt->RunFile(path, false), rt->RunFile(path, json, false), rt->RunFile(path, table, false)}) {
+    seen += results.back()->AsString() + " ";
+  }
+  EXPECT_EQ(seen, "1,b,true 1,b,true x,y p,q,r  j1,2 t1,t2 ");
+  EXPECT_EQ(ThrownText([&] { rt->RunFile(path, Json::Value(5), false); }), "RunImpl(): invalid args type are passed");
   // A table handle whose slot no longer holds a table cannot become init_data.
   rt->PopFromStack(rt->StackTopIndex() - table->StackIndex() + 1);
   rt->CreateAtStack(5);
   EXPECT_EQ(ThrownText([&] { rt->RunFile(path, table, false); }), "RunImpl(): invalid args type are passed");
-}
-
-TEST(RunTime, RunFuncCallsAGlobalOrAHandleWithArguments) {
-  auto rt = RunTime::Create();
-  RunTime::StackCleaner cleaner(rt);
-  rt->RunString("function sub(a, b) return a - b, 'done' end", true);
-  Handles args = {rt->CreateAtStack(10), rt->CreateAtStack(3)};
-  Handles results = rt->RunFunc("sub", args);
-  ASSERT_EQ(results.size(), 2u);
-  EXPECT_EQ(results[0]->StackIndex(), 3);  // right above the arguments
-  EXPECT_EQ(results[0]->AsInteger(), 7);
-  EXPECT_EQ(results[1]->AsString(), "done");
-  EXPECT_EQ(rt->RunFunc(rt->GetGlobalObject("sub"), {args[1], args[0]}).front()->AsInteger(), -7);
-
-  EXPECT_EQ(ThrownText([&] { rt->RunFunc("missing", {}); }), "RunFunc(): expected type: function, got type: nil");
-  EXPECT_EQ(ThrownText([&] { rt->RunFunc(args[0], {}); }), "RunFunc(): expected type: function, got type: number");
 }
 
 // Handles are handed out again once dropped; one still held never moves, and
@@ -87,14 +80,15 @@ TEST(RunTime, RunFuncCallsAGlobalOrAHandleWithArguments) {
 TEST(RunTime, ReusedHandlesStayPutWhileHeldAndReleaseTheState) {
   auto rt = RunTime::Create();
   auto alive = std::make_shared<int>(0);
-  rt->SetGlobalObject("f", rt->CreateAtStack(lua::NativeFunction(
-                               [alive](boost::shared_ptr<RunTime>&, const Handles&) { return 0; })));
+  rt->SetGlobalObject(
+      "f", rt->CreateAtStack(lua::NativeFunction([alive](boost::shared_ptr<RunTime>&, const Handles&) { return 0; })));
   rt->RunString("function pair(a) return a, a + 1 end", true);
   std::vector<std::pair<boost::shared_ptr<lua::ObjectRef>, long long>> held;
   for (int i = 0; i < 40; ++i) {
     rt->CreateAtStack(-i);  // dropped at once
     if (i % 2 == 0) held.emplace_back(rt->CreateAtStack(i), i);
-    if (i % 3 == 0) held.emplace_back(rt->RunFunc("pair", {rt->CreateAtStack(i), rt->CreateAtStack("x")}).back(), i + 1);
+    if (i % 3 == 0)
+      held.emplace_back(rt->RunFunc("pair", {rt->CreateAtStack(i), rt->CreateAtStack("x")}).back(), i + 1);
   }
   for (const auto& entry : held) {
     EXPECT_TRUE(entry.first->IsValid());
@@ -115,7 +109,6 @@ TEST(RunTime, GlobalsAndPackagePathLeaveTheStackBalanced) {
   const std::string exePattern = utils::GetProgramExeDir() + "?.lua";
   ASSERT_GE(path.size(), exePattern.size());
   EXPECT_EQ(path.substr(path.size() - exePattern.size()), exePattern);  // lowest priority
-
   rt->AddPackagePath("");
   rt->AddPackagePath("/a/?.lua");
   rt->AddPackagePaths({"/b/?.lua", "/c/?.lua"});
@@ -123,29 +116,24 @@ TEST(RunTime, GlobalsAndPackagePathLeaveTheStackBalanced) {
   EXPECT_TRUE(rt->IsStackEmpty());
 
   rt->SetGlobalObject("answer", rt->CreateAtStack(42));
-  EXPECT_EQ(rt->StackTopIndex(), 1);
-  EXPECT_EQ(rt->GetGlobalObject("answer")->AsInteger(), 42);
-  EXPECT_EQ(rt->StackTopIndex(), 2);
-
+  EXPECT_EQ(rt->GetGlobalObject("answer")->StackIndex(), 2);
   rt->RunString("package = 1", false);
   EXPECT_EQ(ThrownText([&] { rt->AddPackagePath("/d/?.lua"); }), "Invalid reference");
 }
 
-TEST(ErrorTexts, ScriptErrorsCarryMessageAndTraceback) {
+// Script errors carry a traceback, load errors do not; an error outside any
+// protected call is a panic that leaves the runtime invalid.
+TEST(ErrorTexts, ScriptLoadStackAndPanicErrors) {
   auto rt = RunTime::Create();
-  const std::string text = ThrownText([&] { rt->RunString("local function f() error('boom') end f()", true); });
-  EXPECT_TRUE(StartsWith(text, "Lua: [string \"local function f() error('boom') end f()\"]:1: boom\n"
-                               "stack traceback:\n"))
-      << text;
-  EXPECT_NE(text.find("in local 'f'"), std::string::npos) << text;
-  for (const auto& c : std::vector<std::pair<std::string, std::string>>{{"error({})", "table"}, {"error(42)", "number"}}) {
-    const std::string thrown = ThrownText([&] { rt->RunString(c.first, true); });
-    EXPECT_TRUE(StartsWith(thrown, "Lua: Error object is " + c.second + " value\nstack traceback:\n")) << thrown;
+  const std::pair<const char*, const char*> cases[] = {
+      {"error('boom')", "Lua: [string \"error('boom')\"]:1: boom\nstack traceback:\n"},
+      {"error({})", "Lua: Error object is table value\nstack traceback:\n"},
+      {"error(42)", "Lua: Error object is number value\nstack traceback:\n"},
+  };
+  for (const auto& [code, start] : cases) {
+    const std::string thrown = ThrownText([&] { rt->RunString(code, true); });
+    EXPECT_TRUE(StartsWith(thrown, start)) << thrown;
   }
-}
-
-TEST(ErrorTexts, LoadErrorsAndOverflowHaveNoTraceback) {
-  auto rt = RunTime::Create();
   EXPECT_EQ(ThrownText([&] { rt->RunString("x = = 1", true); }),
             "Lua: [string \"x = = 1\"]:1: unexpected symbol near '='");
   EXPECT_EQ(ThrownText([&] { rt->RunFile("/nonexistent/script.lua", true); }),
@@ -153,21 +141,12 @@ TEST(ErrorTexts, LoadErrorsAndOverflowHaveNoTraceback) {
   EXPECT_EQ(ThrownText([&] { rt->EnsureFreeStackSlots(2000000); }), "EnsureFreeStackSlots(): stack overflow");
   EXPECT_FALSE(rt->ReserveFreeStackSlots(2000000));
   EXPECT_TRUE(rt->IsValid());
-}
-
-TEST(Panic, ErrorOutsideAProtectedCallMarksTheRuntimeInvalid) {
-  auto rt = RunTime::Create();
-  try {
-    rt->Error("fatal thing");
-    FAIL() << "Error() returned";
-  } catch (const lua::RunTimePanic& e) {
-    EXPECT_STREQ(e.what(), "Lua panic: fatal thing");
-  }
+  EXPECT_EQ(ThrownText<lua::RunTimePanic>([&] { rt->Error("fatal thing"); }), "Lua panic: fatal thing");
   EXPECT_FALSE(rt->IsValid());
   // Dropping the runtime now closes the state; the sanitizer build checks that.
 }
 
-TEST(Panic, WrappedStateIsNeitherInitialisedNorClosed) {
+TEST(RunTime, WrappedStateIsNeitherInitialisedNorClosed) {
   lua_State* L = luaL_newstate();
   {
     auto wrapped = RunTime::Wrap(L);
@@ -181,18 +160,12 @@ TEST(Panic, WrappedStateIsNeitherInitialisedNorClosed) {
 
 TEST(StackDiscipline, CleanerRestoresTheTopAfterResultsAndExceptions) {
   auto rt = RunTime::Create();
-  rt->RunString("function fail() error('x') end", true);
-  {
-    RunTime::StackCleaner cleaner(rt);
-    rt->RunString("return 1, 2, 3", false);
-  }
-  EXPECT_TRUE(rt->IsStackEmpty());
-
   rt->CreateAtStack(1);
   try {
     RunTime::StackCleaner cleaner(rt);
     rt->CreateAtStack(2);
-    rt->RunFunc("fail", {});
+    rt->RunString("return 1, 2, 3", false);
+    rt->RunString("error('x')", false);
   } catch (const lua::RunTimeError&) {
   }
   EXPECT_LE(rt->StackTopIndex(), 2);  // unwinding keeps at most the top value above the saved top
