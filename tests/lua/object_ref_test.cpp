@@ -31,10 +31,6 @@ TEST(HandleValidity, OnlySlotsHoldingTheSameValueAreValid) {
   EXPECT_EQ(rt->ObjectAtStack(-1)->StackIndex(), 1);  // made absolute
   EXPECT_EQ(ThrownText([&] { TableRef(rt, 1); }), "TableRef(): create TableRef from non-table value");
 
-  ObjectRef none(rt, 0);
-  EXPECT_FALSE(none.IsValid());
-  EXPECT_EQ(none.TypeName(), "no value");
-
   // A popped and refilled slot is detected.
   rt->PopFromStack(1);
   auto table = rt->CreateTableAtStack();
