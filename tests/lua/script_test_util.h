@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
 #include <boost/shared_ptr.hpp>
+#include <gtest/gtest.h>
 #include <lua.hpp>
 
 #include "lua/object_ref.h"
