@@ -116,7 +116,12 @@ TEST(Adapter, ArgumentsResultsAndErrorsReachTheScript) {
       {"checked", WrapFunc<&Checked>},
   };
   for (const auto& [name, function] : functions) lua_test::Expose(rt, name, function);
-  rt->RunString("function middle(x) return describe(x, x, x) end", true);
+  {
+    RunTime::StackCleaner cleaner(rt);
+    rt->SetGlobalObject("up", rt->CreateAtStack(WrapFunc<&ReadUpvalue>, {rt->CreateAtStack("first")}));
+    rt->SetGlobalObject("weak", rt->CreateWeakTableAtStack(RunTime::WeakValues));
+  }
+  rt->RunString("function middle(x) return describe(x, x, x) end weak[1] = {} weak[2] = 'kept'", true);
   const std::pair<const char*, const char*> cases[] = {
       {"return describe(1, 'a', {}, nil)", "number@1 string@2 T:table@3 nil@4 "},
       {"return describe()", ""},
@@ -141,11 +146,15 @@ TEST(Adapter, ArgumentsResultsAndErrorsReachTheScript) {
       {"return select(2, pcall(checked, 1, 2))", "name: expected type 'string', got 'number'"},
       {"return select(2, pcall(checked, 'a', 2))", "second: expected type 'nil', got 'number'"},
       {"return pcall(checked, 'a', nil)", "true"},
+      {"return up(1)", "first"},
+      {"return select(2, pcall(up, 2))", "Cpp: ObjectAtStack(): invalid stack index: -1001002"},
+      {"collectgarbage() return tostring(weak[1]) .. ' ' .. weak[2] .. ' ' .. getmetatable(weak).__mode", "nil kept v"},
       {"return 1 + 1", "2"},
   };
   for (const auto& [code, expected] : cases) EXPECT_EQ(Eval(rt, code), expected) << code;
   EXPECT_EQ(Tracked::live, 0);  // raising bodies released what they held
   EXPECT_TRUE(StartsWith(ThrownText([&] { rt->RunString("fail(3)", true); }), "Lua: "));
+  EXPECT_EQ(ThrownText([&] { rt->GetUpValue(1); }), "ObjectAtStack(): invalid stack index: -1001001");
   EXPECT_TRUE(rt->IsValid());
   gKeptArgument.reset();
 }
@@ -192,20 +201,6 @@ TEST(Closures, CallTheirFunctionUntilCollectedWhateverScriptsDoToTheirUserdata) 
   rt->CollectGarbage();
   EXPECT_EQ(counter.use_count(), 1);
   EXPECT_EQ(Eval(rt, "return 'usable'"), "usable");
-}
-
-TEST(Helpers, WeakTablesAndUpvalues) {
-  auto rt = RunTime::Create();
-  RunTime::StackCleaner cleaner(rt);
-  rt->SetGlobalObject("weak", rt->CreateWeakTableAtStack(RunTime::WeakValues));
-  rt->RunString("weak[1] = {} weak[2] = 'kept'", false);
-  rt->CollectGarbage();
-  EXPECT_EQ(Eval(rt, "return tostring(weak[1]) .. ' ' .. weak[2] .. ' ' .. getmetatable(weak).__mode"), "nil kept v");
-
-  rt->SetGlobalObject("up", rt->CreateAtStack(WrapFunc<&ReadUpvalue>, {rt->CreateAtStack("first")}));
-  EXPECT_EQ(Eval(rt, "return up(1)"), "first");
-  EXPECT_TRUE(StartsWith(Eval(rt, "return select(2, pcall(up, 2))"), "Cpp: ObjectAtStack(): invalid stack index: -"));
-  EXPECT_EQ(ThrownText([&] { rt->GetUpValue(1); }), "ObjectAtStack(): invalid stack index: -1001001");
 }
 
 }  // namespace
