@@ -56,7 +56,6 @@ TEST(RunTime, ResultsStayOnTheStackAsHandlesAtTheTopSlots) {
 
 TEST(RunTime, EveryArgumentFormArrivesInInitData) {
   auto rt = RunTime::Create();
-  RunTime::StackCleaner cleaner(rt);
   const std::string join = "local t = {} for i, v in ipairs(init_data) do t[i] = tostring(v) end "
                            "return table.concat(t, ',')";
   testsupport::ScratchDir scratch;
@@ -188,20 +187,6 @@ TEST(StackDiscipline, CleanerRestoresTheTopAfterResultsAndExceptions) {
   EXPECT_EQ(rt->StackTopIndex(), 1);
 }
 
-TEST(StackDiscipline, RemoveShiftsSlotsDownAndIgnoresStaleHandles) {
-  auto rt = RunTime::Create();
-  rt->CreateTableAtStack();
-  rt->CreateAtStack(2);
-  auto c = rt->CreateTableAtStack();
-  rt->Remove(1);
-  EXPECT_EQ(rt->ObjType(1), LUA_TNUMBER);
-  EXPECT_FALSE(c->IsValid());  // its table moved down to slot 2
-  rt->Remove(c);
-  EXPECT_EQ(rt->StackTopIndex(), 2);
-  rt->Remove(rt->ObjectAtStack(2));
-  EXPECT_EQ(rt->StackTopIndex(), 1);
-}
-
 TEST(HandleValidity, OnlySlotsHoldingTheSameValueAreValid) {
   auto rt = RunTime::Create();
   rt->CreateAtStack(1);
@@ -231,11 +216,21 @@ TEST(HandleValidity, OnlySlotsHoldingTheSameValueAreValid) {
   rt->CreateAtStack(6);
   EXPECT_TRUE(number->IsValid());  // values without identity are not told apart
   EXPECT_EQ(table->TypeName(), "number");
+
+  // Remove shifts slots down and ignores stale handles.
+  rt->CreateTableAtStack();
+  auto c = rt->CreateTableAtStack();
+  rt->Remove(1);
+  EXPECT_EQ(rt->ObjType(1), LUA_TTABLE);
+  EXPECT_FALSE(c->IsValid());  // its table moved down to slot 2
+  rt->Remove(c);
+  EXPECT_EQ(rt->StackTopIndex(), 2);
+  rt->Remove(rt->ObjectAtStack(2));
+  EXPECT_EQ(rt->StackTopIndex(), 1);
 }
 
 TEST(Conversions, FollowTheStoredTypeWithoutCoercion) {
   auto rt = RunTime::Create();
-  RunTime::StackCleaner cleaner(rt);
   const std::pair<const char*, const char*> cases[] = {
       {"5", "5 0"},
       {"2.5", "2.5 0"},
@@ -265,7 +260,6 @@ TEST(Conversions, FollowTheStoredTypeWithoutCoercion) {
 
 TEST(TableAccess, RawReadsAddOneSlotAndWritesHonourMetamethods) {
   auto rt = RunTime::Create();
-  RunTime::StackCleaner cleaner(rt);
   rt->RunString("log = {}", false);
   auto table = Table(rt, "setmetatable({a = 1}, {__index = function() return 'meta' end,"
                          " __newindex = function(t, k, v) log[#log + 1] = k rawset(t, k, v) end})");
@@ -311,7 +305,6 @@ TEST(TableAccess, RaisingMetamethodsPanicInTheHostAndFailTheCallInAFunction) {
   for (const auto& operation : operations) {
     for (bool inFunction : {false, true}) {
       auto rt = RunTime::Create();
-      RunTime::StackCleaner cleaner(rt);
       lua::NativeFunction call = [&](boost::shared_ptr<RunTime>& inner,
                                      const std::vector<boost::shared_ptr<ObjectRef>>& args) {
         operation(args[0]->AsTableRef());
@@ -333,7 +326,6 @@ TEST(TableAccess, RaisingMetamethodsPanicInTheHostAndFailTheCallInAFunction) {
 
 TEST(Iterators, FullWalkVisitsEveryPairAndLeavesTheStackAsItStarted) {
   auto rt = RunTime::Create();
-  RunTime::StackCleaner cleaner(rt);
   auto table = Table(rt, "{x = 1, y = 2, 10, 20, nested = {}}");
   const int top = rt->StackTopIndex();
   std::map<std::string, std::string> seen;
@@ -368,7 +360,6 @@ TEST(Iterators, FullWalkVisitsEveryPairAndLeavesTheStackAsItStarted) {
 
 TEST(Iterators, ArrayWalkLeavesOneValuePerElement) {
   auto rt = RunTime::Create();
-  RunTime::StackCleaner cleaner(rt);
   auto table = Table(rt, "{10, 20, 30, x = 'ignored'}");
   const int top = rt->StackTopIndex();
   auto it = table->ArrayIterator();
