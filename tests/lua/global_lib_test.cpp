@@ -84,10 +84,7 @@ TEST(Registry, RegistrationIsSafeWhileOtherThreadsCreateRuntimes) {
   };
   std::thread creator1(create);
   std::thread creator2(create);
-  for (int i = 0; i < kLibs; ++i) {
-    GlobalLib lib("reg_thread_" + std::to_string(i), nullptr);
-    lib.AddFunc("answer", Answer);
-  }
+  for (int i = 0; i < kLibs; ++i) GlobalLib("reg_thread_" + std::to_string(i), nullptr).AddFunc("answer", Answer);
   creator1.join();
   creator2.join();
   EXPECT_FALSE(failed);

@@ -231,13 +231,11 @@ TEST(HandleValidity, OnlySlotsHoldingTheSameValueAreValid) {
 
 TEST(Conversions, FollowTheStoredTypeWithoutCoercion) {
   auto rt = RunTime::Create();
+  rt->RunString("meta = {__len = function() return 9 end, __tostring = function() return 'T' end}", true);
   const std::pair<const char*, const char*> cases[] = {
-      {"5", "5 0"},
-      {"2.5", "2.5 0"},
-      {"true", "true 0"},
-      {"nil", "nil 0"},
-      {"'abc'", "abc 3"},
-      {"setmetatable({}, {__len = function() return 9 end, __tostring = function() return 'T' end})", "T 9"}};
+      {"5", "5 0"},     {"2.5", "2.5 0"},   {"true", "true 0"},
+      {"nil", "nil 0"}, {"'abc'", "abc 3"}, {"setmetatable({}, meta)", "T 9"},
+  };
   for (const auto& [expression, expected] : cases) {
     auto value = rt->RunString(std::string("return ") + expression, false).front();
     EXPECT_EQ(value->AsString() + " " + std::to_string(value->Len()), expected) << expression;
