@@ -46,11 +46,6 @@ inline std::string EvalAll(const boost::shared_ptr<lua::RunTime>& rt, const std:
   return text;
 }
 
-inline void Expose(const boost::shared_ptr<lua::RunTime>& rt, const std::string& name, lua_CFunction f) {
-  lua::RunTime::StackCleaner cleaner(rt);
-  rt->SetGlobalObject(name, rt->CreateAtStack(f));
-}
-
 // A fresh runtime per test that must end with an empty stack.
 class ScriptTest : public ::testing::Test {
  protected:

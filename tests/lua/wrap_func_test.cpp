@@ -115,9 +115,9 @@ TEST(Adapter, ArgumentsResultsAndErrorsReachTheScript) {
       {"callback", WrapFunc<&CallBack>}, {"keep", WrapFunc<&KeepFirstArgument>}, {"result", WrapFunc<&Result>},
       {"checked", WrapFunc<&Checked>},
   };
-  for (const auto& [name, function] : functions) lua_test::Expose(rt, name, function);
   {
     RunTime::StackCleaner cleaner(rt);
+    for (const auto& [name, function] : functions) rt->SetGlobalObject(name, rt->CreateAtStack(function));
     rt->SetGlobalObject("up", rt->CreateAtStack(WrapFunc<&ReadUpvalue>, {rt->CreateAtStack("first")}));
     rt->SetGlobalObject("weak", rt->CreateWeakTableAtStack(RunTime::WeakValues));
   }
