@@ -303,8 +303,7 @@ TEST(TableAccess, RaisingMetamethodsPanicInTheHostAndFailTheCallInAFunction) {
   for (const auto& operation : operations) {
     for (bool inFunction : {false, true}) {
       auto rt = RunTime::Create();
-      lua::NativeFunction call = [&](boost::shared_ptr<RunTime>& inner,
-                                     const std::vector<boost::shared_ptr<ObjectRef>>& args) {
+      lua::NativeFunction call = [&](boost::shared_ptr<RunTime>& inner, const Handles& args) {
         operation(args[0]->AsTableRef());
         return inner->VoidResult();
       };
