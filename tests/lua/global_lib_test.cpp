@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "lua/script_test_util.h"
@@ -20,74 +21,49 @@ int Answer(lua_State* L) {
   return 1;
 }
 
-int Twice(lua_State* L) {
-  lua_pushinteger(L, 2 * luaL_checkinteger(L, 1));
-  return 1;
-}
-
 GlobalLib::InitFunc SetField(const std::string& key, const std::string& value) {
   return [key, value](boost::shared_ptr<RunTime>&, boost::shared_ptr<TableRef>& table) { table->Set(key, value); };
 }
 
-TEST(Registry, LibraryOpensAsGlobalAndInPackageLoaded) {
-  GlobalLib("reg_basic", nullptr).AddFunc("answer", Answer);
-  auto rt = RunTime::Create();
-  EXPECT_EQ(Eval(rt, "return reg_basic.answer() .. ' ' .. tostring(package.loaded.reg_basic == reg_basic)"
-                     " .. ' ' .. tostring(require('reg_basic') == reg_basic)"),
-            "42 true true");
-  EXPECT_TRUE(rt->IsStackEmpty());
-}
+std::atomic<bool> gFailInit{false};
 
-TEST(Registry, FirstInitFunctionIsKeptAndHandlesOfOneNameShareATable) {
+TEST(Registry, EachLibraryIsWhatItsFunctionsAndInitFunctionMakeIt) {
+  auto before = RunTime::Create();
+  GlobalLib("reg_basic", nullptr).AddFunc("answer", Answer);
+  // The first init function is kept and handles of one name share a table.
   GlobalLib first("reg_shared", SetField("init", "first"));
   GlobalLib second("reg_shared", SetField("init", "second"));
   first.AddFunc("answer", Answer);
-  second.AddFunc("twice", Twice);
-  EXPECT_EQ(Eval(RunTime::Create(), "return reg_shared.init .. reg_shared.answer() .. reg_shared.twice(4)"),
-            "first428");
-
-  second.SetInitFunc(SetField("init", "replaced"));
-  EXPECT_EQ(Eval(RunTime::Create(), "return reg_shared.init"), "replaced");
-}
-
-TEST(Registry, PlaceholdersReadFalseUntilTheInitFunctionFillsThem) {
+  second.AddFunc("again", Answer);
   GlobalLib("reg_placeholder", nullptr).AddDataPlaceholder("version").AddFunc("answer", Answer);
   GlobalLib("reg_filled", SetField("version", "1.0")).AddDataPlaceholder("version");
-  EXPECT_EQ(Eval(RunTime::Create(), "return tostring(reg_placeholder.version) .. ' ' .. reg_filled.version"),
-            "false 1.0");
-}
-
-TEST(Registry, LibraryWithoutFunctionsIsWhatItsInitFunctionLeaves) {
+  // Without functions, a library is whatever its init function leaves.
   GlobalLib("reg_value", [](boost::shared_ptr<RunTime>& rt, boost::shared_ptr<TableRef>& table) {
     if (!table) rt->CreateAtStack("plain value");
   });
   GlobalLib("reg_nothing", [](boost::shared_ptr<RunTime>&, boost::shared_ptr<TableRef>&) {});
-  EXPECT_EQ(Eval(RunTime::Create(), "return reg_value .. ' ' .. type(reg_nothing)"), "plain value nil");
-}
-
-TEST(Registry, LibrariesRegisteredLaterAreNotInExistingRuntimes) {
-  auto before = RunTime::Create();
-  GlobalLib("reg_late", nullptr).AddFunc("answer", Answer);
-  auto after = RunTime::Create();
-  EXPECT_EQ(Eval(before, "return type(reg_late)"), "nil");
-  EXPECT_EQ(Eval(after, "return type(reg_late)"), "table");
-}
-
-std::atomic<bool> gFailInit{false};
-
-TEST(Registry, FailingInitFunctionFailsCreateWithAPanic) {
   GlobalLib("reg_failing", [](boost::shared_ptr<RunTime>&, boost::shared_ptr<TableRef>&) {
     if (gFailInit) throw std::runtime_error("init failed");
   }).AddFunc("answer", Answer);
   gFailInit = true;
-  try {
-    RunTime::Create();
-    ADD_FAILURE() << "Create() succeeded";
-  } catch (const lua::RunTimePanic& e) {
-    EXPECT_STREQ(e.what(), "Lua panic: Cpp: init failed");
-  }
+  EXPECT_EQ(lua_test::ThrownText<lua::RunTimePanic>([] { RunTime::Create(); }), "Lua panic: Cpp: init failed");
   gFailInit = false;
-  EXPECT_EQ(Eval(RunTime::Create(), "return reg_failing.answer()"), "42");
+  auto rt = RunTime::Create();
+  const std::pair<const char*, const char*> cases[] = {
+      {"return reg_basic.answer() .. ' ' .. tostring(package.loaded.reg_basic == reg_basic)"
+       " .. ' ' .. tostring(require('reg_basic') == reg_basic)",
+       "42 true true"},
+      {"return reg_shared.init .. reg_shared.answer() .. reg_shared.again()", "first4242"},
+      {"return tostring(reg_placeholder.version) .. ' ' .. reg_filled.version", "false 1.0"},
+      {"return reg_value .. ' ' .. type(reg_nothing)", "plain value nil"},
+      {"return reg_failing.answer()", "42"},
+  };
+  for (const auto& [code, expected] : cases) EXPECT_EQ(Eval(rt, code), expected) << code;
+  EXPECT_TRUE(rt->IsStackEmpty());
+  EXPECT_EQ(Eval(before, "return type(reg_basic)"), "nil");  // registered after it was made
+
+  second.SetInitFunc(SetField("init", "replaced"));
+  EXPECT_EQ(Eval(RunTime::Create(), "return reg_shared.init"), "replaced");
 }
 
 TEST(Registry, RegistrationIsSafeWhileOtherThreadsCreateRuntimes) {
@@ -108,10 +84,7 @@ TEST(Registry, RegistrationIsSafeWhileOtherThreadsCreateRuntimes) {
   };
   std::thread creator1(create);
   std::thread creator2(create);
-  for (int i = 0; i < kLibs; ++i) {
-    GlobalLib lib("reg_thread_" + std::to_string(i), nullptr);
-    lib.AddFunc("answer", Answer);
-  }
+  for (int i = 0; i < kLibs; ++i) GlobalLib("reg_thread_" + std::to_string(i), nullptr).AddFunc("answer", Answer);
   creator1.join();
   creator2.join();
   EXPECT_FALSE(failed);

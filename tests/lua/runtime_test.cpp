@@ -1,35 +1,54 @@
 #include "lua/runtime.h"
 
 #include <fstream>
+#include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include <boost/pointer_cast.hpp>
 #include <json/value.h>
+#include <boost/pointer_cast.hpp>
 
 #include "lua/script_test_util.h"
 #include "utils/files.h"
 
 namespace {
 
+using lua::ObjectRef;
 using lua::RunTime;
 using lua::TableRef;
 using lua_test::Eval;
 using lua_test::StartsWith;
 using lua_test::ThrownText;
-using Handles = std::vector<boost::shared_ptr<lua::ObjectRef>>;
+using Handles = std::vector<boost::shared_ptr<ObjectRef>>;
 
+boost::shared_ptr<TableRef> Table(const boost::shared_ptr<RunTime>& rt, const std::string& expression) {
+  auto value = rt->RunString("return " + expression, false).front();
+  return boost::dynamic_pointer_cast<TableRef>(value);
+}
+
+// Results are handles on the top slots, right above what was there, the
+// arguments of RunFunc included.
 TEST(RunTime, ResultsStayOnTheStackAsHandlesAtTheTopSlots) {
   auto rt = RunTime::Create();
   rt->CreateAtStack(7);
-  Handles results = rt->RunString("return 1, 'two', {3}", false);
+  Handles results = rt->RunString("function sub(a, b) return a - b, 'done' end return 1, 'two', {3}", false);
   ASSERT_EQ(results.size(), 3u);
   EXPECT_EQ(rt->StackTopIndex(), 4);
   EXPECT_EQ(results[0]->StackIndex(), 2);
   EXPECT_EQ(results[1]->AsString(), "two");
   EXPECT_TRUE(boost::dynamic_pointer_cast<TableRef>(results[2]));
+
+  Handles args = {rt->CreateAtStack(10), rt->CreateAtStack(3)};
+  results = rt->RunFunc("sub", args);
+  ASSERT_EQ(results.size(), 2u);
+  EXPECT_EQ(results[0]->StackIndex(), 7);
+  EXPECT_EQ(results[0]->AsInteger(), 7);
+  EXPECT_EQ(results[1]->AsString(), "done");
+  EXPECT_EQ(rt->RunFunc(rt->GetGlobalObject("sub"), {args[1], args[0]}).front()->AsInteger(), -7);
+  EXPECT_EQ(ThrownText([&] { rt->RunFunc(args[0], {}); }), "RunFunc(): expected type: function, got type: number");
 
   EXPECT_TRUE(rt->RunString("local x = 1", true).empty());
   EXPECT_TRUE(rt->IsStackEmpty());  // clearStack dropped the earlier values
@@ -37,49 +56,30 @@ TEST(RunTime, ResultsStayOnTheStackAsHandlesAtTheTopSlots) {
 
 TEST(RunTime, EveryArgumentFormArrivesInInitData) {
   auto rt = RunTime::Create();
-  RunTime::StackCleaner cleaner(rt);
   const std::string join = "local t = {} for i, v in ipairs(init_data) do t[i] = tostring(v) end "
                            "return table.concat(t, ',')";
   testsupport::ScratchDir scratch;
   const std::string path = scratch.File("join.lua");
   std::ofstream(path) << join;
-  auto run = [&](const Handles& results) { return results.back()->AsString(); };
-
   Handles values = {rt->CreateAtStack(1), rt->CreateAtStack("b"), rt->CreateAtStack(true)};
-  EXPECT_EQ(run(rt->RunString(join, values, false)), "1,b,true");
-  EXPECT_EQ(run(rt->RunFile(path, values, false)), "1,b,true");
-  EXPECT_EQ(run(rt->RunFile(path, std::vector<std::string>{"x", "y"}, false)), "x,y");
   const char* argv[] = {"p", "q", "r"};
-  EXPECT_EQ(run(rt->RunFile(path, 3, argv, false)), "p,q,r");
-  EXPECT_EQ(run(rt->RunFile(path, false)), "");
   Json::Value json(Json::arrayValue);
   json.append("j1");
   json.append(2);
-  EXPECT_EQ(run(rt->RunFile(path, json, false)), "j1,2");
+  auto table = Table(rt, "{'t1', 't2'}");
+  std::string seen;
+  for (const Handles& results :
+       {rt->RunString(join, values, false), rt->RunFile(path, values, false),
+        rt->RunFile(path, std::vector<std::string>{"x", "y"}, false), rt->RunFile(path, 3, argv, false),
+        rt->RunFile(path, false), rt->RunFile(path, json, false), rt->RunFile(path, table, false)}) {
+    seen += results.back()->AsString() + " ";
+  }
+  EXPECT_EQ(seen, "1,b,true 1,b,true x,y p,q,r  j1,2 t1,t2 ");
   EXPECT_EQ(ThrownText([&] { rt->RunFile(path, Json::Value(5), false); }), "RunImpl(): invalid args type are passed");
-  auto table = rt->RunString("return {'t1', 't2'}", false).back()->AsTableRef();
-  EXPECT_EQ(run(rt->RunFile(path, table, false)), "t1,t2");
-
   // A table handle whose slot no longer holds a table cannot become init_data.
   rt->PopFromStack(rt->StackTopIndex() - table->StackIndex() + 1);
   rt->CreateAtStack(5);
   EXPECT_EQ(ThrownText([&] { rt->RunFile(path, table, false); }), "RunImpl(): invalid args type are passed");
-}
-
-TEST(RunTime, RunFuncCallsAGlobalOrAHandleWithArguments) {
-  auto rt = RunTime::Create();
-  RunTime::StackCleaner cleaner(rt);
-  rt->RunString("function sub(a, b) return a - b, 'done' end", true);
-  Handles args = {rt->CreateAtStack(10), rt->CreateAtStack(3)};
-  Handles results = rt->RunFunc("sub", args);
-  ASSERT_EQ(results.size(), 2u);
-  EXPECT_EQ(results[0]->StackIndex(), 3);  // right above the arguments
-  EXPECT_EQ(results[0]->AsInteger(), 7);
-  EXPECT_EQ(results[1]->AsString(), "done");
-  EXPECT_EQ(rt->RunFunc(rt->GetGlobalObject("sub"), {args[1], args[0]}).front()->AsInteger(), -7);
-
-  EXPECT_EQ(ThrownText([&] { rt->RunFunc("missing", {}); }), "RunFunc(): expected type: function, got type: nil");
-  EXPECT_EQ(ThrownText([&] { rt->RunFunc(args[0], {}); }), "RunFunc(): expected type: function, got type: number");
 }
 
 // Handles are handed out again once dropped; one still held never moves, and
@@ -87,14 +87,15 @@ TEST(RunTime, RunFuncCallsAGlobalOrAHandleWithArguments) {
 TEST(RunTime, ReusedHandlesStayPutWhileHeldAndReleaseTheState) {
   auto rt = RunTime::Create();
   auto alive = std::make_shared<int>(0);
-  rt->SetGlobalObject("f", rt->CreateAtStack(lua::NativeFunction(
-                               [alive](boost::shared_ptr<RunTime>&, const Handles&) { return 0; })));
+  rt->SetGlobalObject(
+      "f", rt->CreateAtStack(lua::NativeFunction([alive](boost::shared_ptr<RunTime>&, const Handles&) { return 0; })));
   rt->RunString("function pair(a) return a, a + 1 end", true);
   std::vector<std::pair<boost::shared_ptr<lua::ObjectRef>, long long>> held;
   for (int i = 0; i < 40; ++i) {
     rt->CreateAtStack(-i);  // dropped at once
     if (i % 2 == 0) held.emplace_back(rt->CreateAtStack(i), i);
-    if (i % 3 == 0) held.emplace_back(rt->RunFunc("pair", {rt->CreateAtStack(i), rt->CreateAtStack("x")}).back(), i + 1);
+    if (i % 3 == 0)
+      held.emplace_back(rt->RunFunc("pair", {rt->CreateAtStack(i), rt->CreateAtStack("x")}).back(), i + 1);
   }
   for (const auto& entry : held) {
     EXPECT_TRUE(entry.first->IsValid());
@@ -115,7 +116,6 @@ TEST(RunTime, GlobalsAndPackagePathLeaveTheStackBalanced) {
   const std::string exePattern = utils::GetProgramExeDir() + "?.lua";
   ASSERT_GE(path.size(), exePattern.size());
   EXPECT_EQ(path.substr(path.size() - exePattern.size()), exePattern);  // lowest priority
-
   rt->AddPackagePath("");
   rt->AddPackagePath("/a/?.lua");
   rt->AddPackagePaths({"/b/?.lua", "/c/?.lua"});
@@ -123,29 +123,24 @@ TEST(RunTime, GlobalsAndPackagePathLeaveTheStackBalanced) {
   EXPECT_TRUE(rt->IsStackEmpty());
 
   rt->SetGlobalObject("answer", rt->CreateAtStack(42));
-  EXPECT_EQ(rt->StackTopIndex(), 1);
-  EXPECT_EQ(rt->GetGlobalObject("answer")->AsInteger(), 42);
-  EXPECT_EQ(rt->StackTopIndex(), 2);
-
+  EXPECT_EQ(rt->GetGlobalObject("answer")->StackIndex(), 2);
   rt->RunString("package = 1", false);
   EXPECT_EQ(ThrownText([&] { rt->AddPackagePath("/d/?.lua"); }), "Invalid reference");
 }
 
-TEST(ErrorTexts, ScriptErrorsCarryMessageAndTraceback) {
+// Script errors carry a traceback, load errors do not; an error outside any
+// protected call is a panic that leaves the runtime invalid.
+TEST(ErrorTexts, ScriptLoadStackAndPanicErrors) {
   auto rt = RunTime::Create();
-  const std::string text = ThrownText([&] { rt->RunString("local function f() error('boom') end f()", true); });
-  EXPECT_TRUE(StartsWith(text, "Lua: [string \"local function f() error('boom') end f()\"]:1: boom\n"
-                               "stack traceback:\n"))
-      << text;
-  EXPECT_NE(text.find("in local 'f'"), std::string::npos) << text;
-  for (const auto& c : std::vector<std::pair<std::string, std::string>>{{"error({})", "table"}, {"error(42)", "number"}}) {
-    const std::string thrown = ThrownText([&] { rt->RunString(c.first, true); });
-    EXPECT_TRUE(StartsWith(thrown, "Lua: Error object is " + c.second + " value\nstack traceback:\n")) << thrown;
+  const std::pair<const char*, const char*> cases[] = {
+      {"error('boom')", "Lua: [string \"error('boom')\"]:1: boom\nstack traceback:\n"},
+      {"error({})", "Lua: Error object is table value\nstack traceback:\n"},
+      {"error(42)", "Lua: Error object is number value\nstack traceback:\n"},
+  };
+  for (const auto& [code, start] : cases) {
+    const std::string thrown = ThrownText([&] { rt->RunString(code, true); });
+    EXPECT_TRUE(StartsWith(thrown, start)) << thrown;
   }
-}
-
-TEST(ErrorTexts, LoadErrorsAndOverflowHaveNoTraceback) {
-  auto rt = RunTime::Create();
   EXPECT_EQ(ThrownText([&] { rt->RunString("x = = 1", true); }),
             "Lua: [string \"x = = 1\"]:1: unexpected symbol near '='");
   EXPECT_EQ(ThrownText([&] { rt->RunFile("/nonexistent/script.lua", true); }),
@@ -153,21 +148,12 @@ TEST(ErrorTexts, LoadErrorsAndOverflowHaveNoTraceback) {
   EXPECT_EQ(ThrownText([&] { rt->EnsureFreeStackSlots(2000000); }), "EnsureFreeStackSlots(): stack overflow");
   EXPECT_FALSE(rt->ReserveFreeStackSlots(2000000));
   EXPECT_TRUE(rt->IsValid());
-}
-
-TEST(Panic, ErrorOutsideAProtectedCallMarksTheRuntimeInvalid) {
-  auto rt = RunTime::Create();
-  try {
-    rt->Error("fatal thing");
-    FAIL() << "Error() returned";
-  } catch (const lua::RunTimePanic& e) {
-    EXPECT_STREQ(e.what(), "Lua panic: fatal thing");
-  }
+  EXPECT_EQ(ThrownText<lua::RunTimePanic>([&] { rt->Error("fatal thing"); }), "Lua panic: fatal thing");
   EXPECT_FALSE(rt->IsValid());
   // Dropping the runtime now closes the state; the sanitizer build checks that.
 }
 
-TEST(Panic, WrappedStateIsNeitherInitialisedNorClosed) {
+TEST(RunTime, WrappedStateIsNeitherInitialisedNorClosed) {
   lua_State* L = luaL_newstate();
   {
     auto wrapped = RunTime::Wrap(L);
@@ -181,27 +167,16 @@ TEST(Panic, WrappedStateIsNeitherInitialisedNorClosed) {
 
 TEST(StackDiscipline, CleanerRestoresTheTopAfterResultsAndExceptions) {
   auto rt = RunTime::Create();
-  rt->RunString("function fail() error('x') end", true);
-  {
-    RunTime::StackCleaner cleaner(rt);
-    rt->RunString("return 1, 2, 3", false);
-  }
-  EXPECT_TRUE(rt->IsStackEmpty());
-
   rt->CreateAtStack(1);
   try {
     RunTime::StackCleaner cleaner(rt);
     rt->CreateAtStack(2);
-    rt->RunFunc("fail", {});
+    rt->RunString("return 1, 2, 3", false);
+    rt->RunString("error('x')", false);
   } catch (const lua::RunTimeError&) {
   }
   EXPECT_LE(rt->StackTopIndex(), 2);  // unwinding keeps at most the top value above the saved top
-  { RunTime::StackCleaner cleaner(rt, 1); }
-  EXPECT_EQ(rt->StackTopIndex(), 1);
-  {
-    RunTime::StackCleaner cleaner(rt, 0);
-    rt->CreateAtStack(2);
-  }
+  { RunTime::StackCleaner cleaner(rt, 0); }
   EXPECT_TRUE(rt->IsStackEmpty());
   {
     RunTime::StackCleaner cleaner(rt, 0);
@@ -212,18 +187,207 @@ TEST(StackDiscipline, CleanerRestoresTheTopAfterResultsAndExceptions) {
   EXPECT_EQ(rt->StackTopIndex(), 1);
 }
 
-TEST(StackDiscipline, RemoveShiftsSlotsDownAndIgnoresStaleHandles) {
+TEST(HandleValidity, OnlySlotsHoldingTheSameValueAreValid) {
   auto rt = RunTime::Create();
+  rt->CreateAtStack(1);
+  for (int index : {0, 2, -2}) {
+    EXPECT_EQ(ThrownText([&] { rt->ObjectAtStack(index); }),
+              "ObjectAtStack(): invalid stack index: " + std::to_string(index));
+  }
+  EXPECT_EQ(rt->ObjectAtStack(-1)->StackIndex(), 1);  // made absolute
+  EXPECT_EQ(ThrownText([&] { TableRef(rt, 1); }), "TableRef(): create TableRef from non-table value");
+
+  // A popped and refilled slot is detected.
+  rt->PopFromStack(1);
+  auto table = rt->CreateTableAtStack();
+  auto asObject = rt->ObjectAtStack(1);
+  ASSERT_TRUE(boost::dynamic_pointer_cast<TableRef>(asObject));
+  EXPECT_EQ(asObject->AsTableRef()->AsPointer(), table->AsPointer());
+  rt->PopFromStack(1);
+  EXPECT_FALSE(table->IsValid());
   rt->CreateTableAtStack();
-  rt->CreateAtStack(2);
+  EXPECT_FALSE(table->IsValid());  // same type, another identity
+  EXPECT_EQ(ThrownText([&] { asObject->AsTableRef(); }), "Invalid reference");
+  EXPECT_EQ(ThrownText([&] { asObject->Check(LUA_TTABLE, "custom"); }), "custom");
+
+  rt->PopFromStack(1);
+  auto number = rt->CreateAtStack(5);
+  rt->PopFromStack(1);
+  rt->CreateAtStack(6);
+  EXPECT_TRUE(number->IsValid());  // values without identity are not told apart
+  EXPECT_EQ(table->TypeName(), "number");
+
+  // Remove shifts slots down and ignores stale handles.
+  rt->CreateTableAtStack();
   auto c = rt->CreateTableAtStack();
   rt->Remove(1);
-  EXPECT_EQ(rt->ObjType(1), LUA_TNUMBER);
+  EXPECT_EQ(rt->ObjType(1), LUA_TTABLE);
   EXPECT_FALSE(c->IsValid());  // its table moved down to slot 2
   rt->Remove(c);
   EXPECT_EQ(rt->StackTopIndex(), 2);
   rt->Remove(rt->ObjectAtStack(2));
   EXPECT_EQ(rt->StackTopIndex(), 1);
+}
+
+TEST(Conversions, FollowTheStoredTypeWithoutCoercion) {
+  auto rt = RunTime::Create();
+  rt->RunString("meta = {__len = function() return 9 end, __tostring = function() return 'T' end}", true);
+  const std::pair<const char*, const char*> cases[] = {
+      {"5", "5 0"},     {"2.5", "2.5 0"},   {"true", "true 0"},
+      {"nil", "nil 0"}, {"'abc'", "abc 3"}, {"setmetatable({}, meta)", "T 9"},
+  };
+  for (const auto& [expression, expected] : cases) {
+    auto value = rt->RunString(std::string("return ") + expression, false).front();
+    EXPECT_EQ(value->AsString() + " " + std::to_string(value->Len()), expected) << expression;
+  }
+  auto text = rt->CreateAtStack("12");
+  EXPECT_EQ(ThrownText([&] { text->AsInteger(); }), "Invalid reference");
+  EXPECT_EQ(ThrownText([&] { text->AsBool(); }), "Invalid reference");
+  auto real = rt->CreateAtStack(2.5);
+  EXPECT_EQ(real->AsInteger(), 0);
+  EXPECT_FALSE(real->IsInteger());
+  EXPECT_DOUBLE_EQ(real->AsReal(), 2.5);
+  EXPECT_TRUE(rt->CreateAtStack(3LL)->IsInteger());
+  EXPECT_EQ(rt->CreateAtStack(std::string("a\0b", 3))->AsString(), "a");  // pushed as a C string
+  int marker = 0;
+  EXPECT_EQ(rt->CreateAtStack(static_cast<void*>(&marker))->AsPointer(), &marker);
+  const int top = rt->StackTopIndex();
+  text->AsString();
+  EXPECT_EQ(rt->StackTopIndex(), top);
+}
+
+TEST(TableAccess, RawReadsAddOneSlotAndWritesHonourMetamethods) {
+  auto rt = RunTime::Create();
+  rt->RunString("log = {}", false);
+  auto table = Table(rt, "setmetatable({a = 1}, {__index = function() return 'meta' end,"
+                         " __newindex = function(t, k, v) log[#log + 1] = k rawset(t, k, v) end})");
+  ASSERT_TRUE(table);
+
+  const int top = rt->StackTopIndex();
+  auto key = rt->CreateAtStack("a");
+  auto value = (*table)[key];  // key on top: its slot turns into the value
+  EXPECT_EQ(rt->StackTopIndex(), top + 1);
+  EXPECT_EQ(value->StackIndex(), key->StackIndex());
+  EXPECT_EQ(value->AsInteger(), 1);
+  auto other = rt->CreateAtStack(1);
+  rt->CreateAtStack(99);
+  EXPECT_EQ((*table)[other]->StackIndex(), top + 4);  // key not on top: copied first
+  EXPECT_TRUE(table->Get("missing")->IsNil());        // raw: __index not consulted
+
+  const int before = rt->StackTopIndex();
+  table->Set("b", 2);
+  table->Append(std::string("x"));
+  table->Append(true);
+  table->Erase(rt->CreateAtStack("a"));
+  EXPECT_EQ(rt->StackTopIndex(), before + 1);  // only Erase's own key remains
+  EXPECT_TRUE(table->Get("a")->IsNil());
+  EXPECT_EQ(table->Get(2)->AsBool(), true);
+  EXPECT_EQ(rt->RunString("return table.concat(log, ',')", false).front()->AsString(), "b,1,2");
+
+  EXPECT_TRUE(rt->CreateTableAtStack()->Empty());
+  EXPECT_FALSE(table->Empty());
+  rt->PopFromStack(rt->StackTopIndex() - table->StackIndex() + 1);
+  rt->CreateAtStack(1);
+  EXPECT_EQ(ThrownText([&] { table->Get("a"); }), "Invalid reference");  // never a raw read of a number
+}
+
+// Writes, lengths and texts run metamethods, unprotected when the host calls
+// them directly: a raising one is then a panic that the host gets as an
+// exception, never an abort. Inside a native function it is a script error.
+TEST(TableAccess, RaisingMetamethodsPanicInTheHostAndFailTheCallInAFunction) {
+  const std::string meta = "setmetatable({}, {__newindex = fail, __len = fail, __tostring = fail})";
+  using Handle = boost::shared_ptr<TableRef>;
+  const std::vector<std::function<void(const Handle&)>> operations = {[](const Handle& t) { t->Set("k", 1); },
+                                                                      [](const Handle& t) { t->Len(); },
+                                                                      [](const Handle& t) { t->AsString(); }};
+  for (const auto& operation : operations) {
+    for (bool inFunction : {false, true}) {
+      auto rt = RunTime::Create();
+      lua::NativeFunction call = [&](boost::shared_ptr<RunTime>& inner, const Handles& args) {
+        operation(args[0]->AsTableRef());
+        return inner->VoidResult();
+      };
+      rt->SetGlobalObject("call", rt->CreateAtStack(call));
+      rt->RunString("function fail() error('meta failed', 0) end", true);
+      if (inFunction) {
+        EXPECT_EQ(rt->RunString("return select(2, pcall(call, " + meta + "))", false).front()->AsString(),
+                  "meta failed");
+        EXPECT_EQ(rt->RunString("return 6 * 7", false).front()->AsInteger(), 42);
+      } else {
+        EXPECT_THROW(operation(rt->RunString("return " + meta, false).front()->AsTableRef()), lua::RunTimePanic);
+      }
+      EXPECT_EQ(rt->IsValid(), inFunction);
+    }
+  }
+}
+
+TEST(Iterators, FullWalkVisitsEveryPairAndLeavesTheStackAsItStarted) {
+  auto rt = RunTime::Create();
+  auto table = Table(rt, "{x = 1, y = 2, 10, 20, nested = {}}");
+  const int top = rt->StackTopIndex();
+  std::map<std::string, std::string> seen;
+  auto it = table->Iterator();
+  EXPECT_EQ(ThrownText([&] { it.Key(); }), "Key(): invalid iterator position");
+  boost::shared_ptr<ObjectRef> keptKey;
+  int keptType = LUA_TNONE;
+  while (it.Next()) {
+    EXPECT_EQ(it.Key()->StackIndex(), rt->StackTopIndex() - 1);
+    EXPECT_TRUE(it.Val()->IsAtStackTop());
+    seen[it.Key()->AsString()] = boost::dynamic_pointer_cast<TableRef>(it.Val()) ? "table" : it.Val()->AsString();
+    if (!keptKey) {
+      keptKey = it.Key();
+      keptType = keptKey->Type();
+    }
+  }
+  EXPECT_EQ(rt->StackTopIndex(), top);
+  EXPECT_EQ(seen, (std::map<std::string, std::string>{
+                      {"1", "10"}, {"2", "20"}, {"x", "1"}, {"y", "2"}, {"nested", "table"}}));
+  EXPECT_EQ(keptKey->Type(), keptType);  // a handle the caller kept is not rewritten for later keys
+  EXPECT_EQ(ThrownText([&] { it.Next(); }), "Next(): invalid iterator position");
+  EXPECT_EQ(ThrownText([&] { it.Val(); }), "Val(): invalid iterator position");
+
+  auto empty = rt->CreateTableAtStack()->Iterator();
+  EXPECT_FALSE(empty.Next());
+  EXPECT_EQ(ThrownText([&] { empty.Next(); }), "Next(): invalid iterator position");
+
+  int count = 0;
+  for (auto pushing = table->Iterator(); pushing.Next(); ++count) rt->CreateAtStack(count);  // key, value not on top
+  EXPECT_EQ(count, 5);
+}
+
+TEST(Iterators, ArrayWalkLeavesOneValuePerElement) {
+  auto rt = RunTime::Create();
+  auto table = Table(rt, "{10, 20, 30, x = 'ignored'}");
+  const int top = rt->StackTopIndex();
+  auto it = table->ArrayIterator();
+  EXPECT_EQ(ThrownText([&] { it.Index(); }), "Index(): invalid iterator position");
+  std::string walk;  // index=value@slot above the start
+  boost::shared_ptr<ObjectRef> first;
+  while (it.Next()) {
+    walk += std::to_string(it.Index()) + "=" + it.Val()->AsString() + "@" +
+            std::to_string(it.Val()->StackIndex() - top) + " ";
+    if (!first) first = it.Val();
+  }
+  EXPECT_EQ(walk, "1=10@1 2=20@2 3=30@3 ");
+  EXPECT_EQ(rt->StackTopIndex(), top + 3);
+  EXPECT_EQ(first->AsInteger(), 10);  // a kept handle is not rewritten for later values
+  EXPECT_EQ(ThrownText([&] { it.Val(); }), "Val(): invalid iterator position");
+  EXPECT_EQ(ThrownText([&] { it.Next(); }), "Next(): invalid iterator position");
+
+  auto withLen = Table(rt, "setmetatable({}, {__len = function() return 2 end})");
+  auto lenWalk = withLen->ArrayIterator();
+  ASSERT_TRUE(lenWalk.Next());
+  EXPECT_TRUE(lenWalk.Val()->IsNil());  // raw reads of the length __len reports
+  EXPECT_TRUE(lenWalk.Next());
+  EXPECT_FALSE(lenWalk.Next());
+
+  // The largest length a script can claim must not overflow the walk's end,
+  // nor the slot that Append writes.
+  auto hugeTable = Table(rt, "setmetatable({5}, {__len = function() return math.maxinteger end})");
+  auto huge = hugeTable->ArrayIterator();
+  ASSERT_TRUE(huge.Next());
+  EXPECT_EQ(huge.Val()->AsInteger(), 5);
+  EXPECT_EQ(ThrownText([&] { hugeTable->Append(1); }), "Append(): table length leaves no room");
 }
 
 }  // namespace

@@ -16,14 +16,15 @@
 
 namespace lua_test {
 
-// The text of the RunTimeError that `f` throws.
-inline std::string ThrownText(const std::function<void()>& f) {
+// The text of the exception of type E that `f` throws.
+template <class E = lua::RunTimeError>
+std::string ThrownText(const std::function<void()>& f) {
   try {
     f();
-  } catch (const lua::RunTimeError& e) {
+  } catch (const E& e) {
     return e.what();
   }
-  return "<no RunTimeError>";
+  return "<nothing thrown>";
 }
 
 inline bool StartsWith(const std::string& text, const std::string& prefix) {
@@ -43,11 +44,6 @@ inline std::string EvalAll(const boost::shared_ptr<lua::RunTime>& rt, const std:
   std::string text;
   for (const auto& result : rt->RunString(code, false)) text += (text.empty() ? "" : " | ") + result->AsString();
   return text;
-}
-
-inline void Expose(const boost::shared_ptr<lua::RunTime>& rt, const std::string& name, lua_CFunction f) {
-  lua::RunTime::StackCleaner cleaner(rt);
-  rt->SetGlobalObject(name, rt->CreateAtStack(f));
 }
 
 // A fresh runtime per test that must end with an empty stack.
