@@ -6,20 +6,16 @@ local xml, check = ...
 local ARITY = { start = 3, attr = 4, close = 3, text = 1, comment = 1, pi = 2 }
 
 local function recorder()
-  local events = {}
-  local function on(kind)
-    return function(...)
+  local events, callbacks = {}, {}
+  for name, kind in pairs({ startElement = "start", attribute = "attr", closeElement = "close", text = "text",
+                            comment = "comment", pi = "pi" }) do
+    callbacks[name] = function(...)
       local parts = { kind }
-      for i = 1, ARITY[kind] do
-        parts[#parts + 1] = tostring((select(i, ...)))
-      end
+      for i = 1, ARITY[kind] do parts[#parts + 1] = tostring((select(i, ...))) end
       events[#events + 1] = table.concat(parts, "|")
     end
   end
-  return events, {
-    startElement = on("start"), attribute = on("attr"), closeElement = on("close"),
-    text = on("text"), comment = on("comment"), pi = on("pi"),
-  }
+  return events, callbacks
 end
 
 local function eventsOf(content, options)
@@ -32,19 +28,9 @@ check.test("Sax.ReportsEveryConstructInDocumentOrder", function()
   check.equal(eventsOf('<?xml version="1.0"?>\n<!-- head -->\n'
                        .. '<root  a = "1"\n\tb=\'2\' >text<empty /><![CDATA[<raw>&amp;]]>'
                        .. '<?target  data here?></root  >'), {
-    'pi|xml|version="1.0"',
-    "text|\n",
-    "comment| head ",
-    "text|\n",
-    "start|root|nil|nil",
-    "attr|a|1|nil|nil",
-    "attr|b|2|nil|nil",
-    "text|text",
-    "start|empty|nil|nil",
-    "close|empty|nil|nil",
-    "text|<raw>&amp;",
-    "pi|target| data here",
-    "close|root|nil|nil",
+    'pi|xml|version="1.0"', "text|\n", "comment| head ", "text|\n", "start|root|nil|nil", "attr|a|1|nil|nil",
+    "attr|b|2|nil|nil", "text|text", "start|empty|nil|nil", "close|empty|nil|nil", "text|<raw>&amp;",
+    "pi|target| data here", "close|root|nil|nil",
   })
 end)
 
@@ -53,11 +39,8 @@ check.test("Sax.TextIsReportedOnceBetweenConstructs", function()
     "start|a|nil|nil", "text|one & two", "comment|c", "text|three", "close|a|nil|nil",
   })
   -- A "<" that starts nothing known stays in the text, and so does a DOCTYPE.
-  check.equal(eventsOf("<a>1 < 2 <3 <!x></a>"), {
-    "start|a|nil|nil", "text|1 < 2 <3 <!x>", "close|a|nil|nil",
-  })
-  check.equal(eventsOf('<!DOCTYPE a [<!ENTITY e "x">]><a/>'), {
-    'text|<!DOCTYPE a [<!ENTITY e "x">]>', "start|a|nil|nil", "close|a|nil|nil",
+  check.equal(eventsOf('<!DOCTYPE a [<!ENTITY e "x">]><a>1 < 2 <3 <!x></a>'), {
+    'text|<!DOCTYPE a [<!ENTITY e "x">]>', "start|a|nil|nil", "text|1 < 2 <3 <!x>", "close|a|nil|nil",
   })
 end)
 
@@ -136,10 +119,6 @@ check.test("Sax.RaisesOnMalformedDocuments", function()
   for _, case in ipairs(cases) do
     check.raises(case[2], xml.sax.parseStr, case[1], select(2, recorder()))
   end
-  -- The library's own errors point into the library text.
-  local message = check.raises("Parsing did not discover any elements", xml.sax.parseStr, "", {})
-  check.truthy(message:find(":%d+: Parsing did not discover any elements$"),
-               "a source position in " .. message)
 end)
 
 check.test("Sax.InputEndingInsideATagReportsNoStart", function()
