@@ -6,11 +6,11 @@ check.test("Dom.NodesJoinMixedTextAndReachChildrenByName", function()
   local doc = xml.dom.parseStr("<a>x<b/>y<![CDATA[<z>]]></a>")
   check.equal({ doc["#type"], doc["#root"] }, { "document", nil })
   local a = doc.a
-  check.truthy(rawequal(a, doc.childElems.a), "doc.a is its child")
+  assert(rawequal(a, doc.childElems.a), "doc.a is its child")
   check.equal({ a["#type"], a["#name"], a["#text"] }, { "element", "a", "xy<z>" })
   check.equal({ a.b["#text"], next(a.b["#attr"]), next(a.b.childElems), #a.b }, { "", nil, nil, 0 })
   -- The node's own fields win over children of the same name.
-  check.truthy(xml.dom.parseStr("<a><childElems/></a>").a.childElems.childElems, "the child under childElems")
+  assert(xml.dom.parseStr("<a><childElems/></a>").a.childElems.childElems, "the child under childElems")
   -- Namespaces are dropped from attributes and the later of two equal names wins.
   check.equal(xml.dom.parseStr('<p:a xmlns:p="urn:p" p:x="1" x="2" y="&lt;"/>').a["#attr"],
               { ["xmlns:p"] = "urn:p", x = "2", y = "<" })
@@ -22,9 +22,9 @@ end)
 check.test("Dom.NodesCarryAnIndexMetatableAndLeaveGlobals", function()
   local doc = xml.dom.parseStr("<a><b/><c/></a>")
   local last = doc.a.c
-  check.truthy(rawequal(newElem, last) and rawequal(mt, getmetatable(last)), "newElem and mt are the last node's")
-  check.truthy(rawequal(mt.__index, last.childElems), "mt.__index")
-  check.truthy(rawequal(getmetatable(doc).__index, doc.childElems), "the document's __index")
+  assert(rawequal(newElem, last) and rawequal(mt, getmetatable(last)), "newElem and mt are the last node's")
+  assert(rawequal(mt.__index, last.childElems), "mt.__index")
+  assert(rawequal(getmetatable(doc).__index, doc.childElems), "the document's __index")
 end)
 
 check.test("Dom.RaisesOnStructuralErrors", function()
@@ -53,7 +53,7 @@ end)
 
 check.test("Dom.AddAndRemoveKeepTheSingleOrArrayRule", function()
   local doc = xml.dom.parseStr("<a/>")
-  check.truthy(rawequal(xml.dom.addElement(doc.a, "n", "one"), doc.a), "addElement returns the parent")
+  assert(rawequal(xml.dom.addElement(doc.a, "n", "one"), doc.a), "addElement returns the parent")
   local first = doc.a.n
   check.equal({ first["#type"], first["#name"], first["#text"] }, { "", "n", "one" })
   xml.dom.addElement(doc.a, "n")
@@ -62,10 +62,10 @@ check.test("Dom.AddAndRemoveKeepTheSingleOrArrayRule", function()
 
   local a = xml.dom.parseStr("<a><n>1</n><n>2</n><n>3</n><m/></a>").a
   local one, two, three = a.n[1], a.n[2], a.n[3]
-  check.truthy(rawequal(xml.dom.removeElement(a, two), a), "removeElement returns the parent")
+  assert(rawequal(xml.dom.removeElement(a, two), a), "removeElement returns the parent")
   check.equal({ #a.n, a.n[1], a.n[2] }, { 2, one, three })
   xml.dom.removeElement(a, one)
-  check.truthy(rawequal(a.childElems.n, three), "the last node left is stored as itself")
+  assert(rawequal(a.childElems.n, three), "the last node left is stored as itself")
   xml.dom.removeElement(a, three)
   xml.dom.removeElement(a, three)
   check.equal({ a.childElems.n, a.childElems.m["#name"] }, { nil, "m" })

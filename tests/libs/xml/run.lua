@@ -21,10 +21,6 @@ function check.equal(actual, expected, what)
   end
 end
 
-function check.truthy(value, what)
-  if not value then error((what or "condition") .. " does not hold", 2) end
-end
-
 -- fn must fail with a message that contains expected (plain text).
 function check.raises(expected, fn, ...)
   local ok, message = pcall(fn, ...)
