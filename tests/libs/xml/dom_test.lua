@@ -2,7 +2,7 @@
 -- docs/xml.md's examples cover the usual document, parseFile and a simple edit.
 local xml, check = ...
 
-check.test("Dom.NodesJoinMixedTextAndReachChildrenByName", function()
+check.test("Dom.NodesJoinMixedTextReachChildrenByNameAndLeaveGlobals", function()
   local doc = xml.dom.parseStr("<a>x<b/>y<![CDATA[<z>]]></a>")
   check.equal({ doc["#type"], doc["#root"] }, { "document", nil })
   local a = doc.a
@@ -17,10 +17,8 @@ check.test("Dom.NodesJoinMixedTextAndReachChildrenByName", function()
   -- Text outside the root is ignored.
   doc = xml.dom.parseStr("<?xml version='1.0'?>\nbefore<a>\n  <b> x </b>\n</a>after<!--c-->")
   check.equal({ doc.a["#text"], doc.a.b["#text"] }, { "\n  \n", " x " })
-end)
-
-check.test("Dom.NodesCarryAnIndexMetatableAndLeaveGlobals", function()
-  local doc = xml.dom.parseStr("<a><b/><c/></a>")
+  -- Each node looks names up in its children, and the last one made is left in globals.
+  doc = xml.dom.parseStr("<a><b/><c/></a>")
   local last = doc.a.c
   assert(rawequal(newElem, last) and rawequal(mt, getmetatable(last)), "newElem and mt are the last node's")
   assert(rawequal(mt.__index, last.childElems), "mt.__index")
