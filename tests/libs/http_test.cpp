@@ -104,7 +104,7 @@ TEST_F(HttpLib, ResultTableHasStatusHeadAndBody) {
   EXPECT_EQ(Run("return http.performRequest{method = 'HEAD', url = 'NGINX/files/1024'}"), "true");
 }
 
-// The specified functions answer any failure with false alone; request
+// get, post and performRequest answer any failure with false alone; request
 // answers nil and "class: detail", requestAll the same in the error field.
 TEST_F(HttpLib, FailuresGiveFalseOrNilAndTheirClass) {
   const std::string closed = "127.0.0.1:" + std::to_string(nettest::FreePort(2));
