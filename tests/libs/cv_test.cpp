@@ -1,10 +1,5 @@
 // The "cv" library as scripts see it: short scripts through a real runtime.
 // The examples of docs/cv.md run as a test too; the cases here go beyond them.
-#include <sys/statvfs.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -48,8 +43,6 @@ class CommonLib : public lua_test::ScriptTest {
 
 TEST_F(CommonLib, UrlsQueriesAndPathsParseIntoPresentParts) {
   ExpectAll({
-      {"return dump(cv.parse_url('http://example.org'))",
-       R"({host="example.org",scheme="http",uri="http://example.org"})"},
       {"return dump(cv.parse_url('HTTPS://u%3Ax:p@Host.Example:8443/a/./b/../c%7e?q=1#top'))",
        R"({fragment="top",host="host.example",path="/a/c~",port=8443,query="q=1",)"
        R"(scheme="https",uri="https://u%3Ax:p@host.example:8443/a/c~?q=1#top",userinfo="u%3Ax:p"})"},
@@ -77,31 +70,24 @@ TEST_F(CommonLib, ProxyAndCameraUrls) {
   });
 }
 
-// Each text once: functions sharing a text share the code that raises it.
+// The documented texts, each once: functions sharing a text share the code
+// that raises it.
 TEST_F(CommonLib, ArgumentErrorsUseTheirExactTexts) {
   const Cases cases = {
       {"cv.sleep", "expected 1 args"},
       {"cv.sleep, '5'", "Bad argument: expected only unsigned time in milliseconds"},
       {"cv.log", "Bad arguments, expected: (msg[, {severity = \"INFO\", tag = \"Lua\"}])"},
       {"cv.log, 'm', 'ERROR'", "Expected only table of parameters (see help)"},
-      {"cv.get_local_time_ms, 1", "expected 0 args"},
       {"cv.parse_url", "Bad arguments, expected: (url[, normalize = true])"},
       {"cv.parse_url, 1", "Bad argument: expected string url"},
       {"cv.parse_url, 'a', 1", "Bad argument: expected boolean"},
-      {"cv.parse_url_userinfo, 1", "Bad argument: expected userinfo string"},
-      {"cv.parse_url_path, 1", "Bad argument: expected path string"},
-      {"cv.build_url_userinfo", "Bad arguments, expected: (user[,password])"},
-      {"cv.build_url_userinfo, 1", "Bad argument: expected user string"},
       {"cv.build_url_userinfo, 'u', 1", "Bad argument: expected password string"},
-      {"cv.build_url_query_str, 'a=1'", "Bad argument: expected query pairs table"},
       {"cv.build_url_query_str, {{a = 1}, 'b=2'}", "BuildQueryString(): invalid key-value table"},
-      {"cv.build_url, 'http://h'", "Bad argument: expected url components table"},
       {"cv.make_camera_url, {}", "Expected 2 or 3 args"},
       {"cv.make_camera_url, 'u', 'k'", "Expected table as 1st arg type"},
       {"cv.make_camera_url, {}, 1", "Expected string as 2nd arg type"},
       {"cv.make_camera_url, {}, 'k', 1", "Expected bool as 3rd arg type"},
       {"cv.assert_eq, 1", "AssertEq(): args count != 2"},
-      {"cv.table_size, 'x'", "Bad argument: table expected"},
       {"cv.expand_path, 1", "Bad argument: string expected"},
       {"cv.setenv, 'A'", "expected 2 args"},
       {"cv.str_to_time, 'x'", "DatetimeStrToMs(): args count < 2"},
@@ -117,9 +103,6 @@ TEST_F(CommonLib, LogWritesInformationRecordsWhateverTheScriptSeverity) {
   zullog::SetSink(sink);
   EXPECT_EQ(Eval("return select('#', cv.log('started'))"), "0");
   Eval("cv.log('x', {severity = 'ERROR'}) cv.log(42, {tag = 'cam', severity = ''})");
-  zullog::SetLoggingForbidden(true);
-  Eval("cv.log('dropped')");
-  zullog::SetLoggingForbidden(false);
   zullog::SetSink(nullptr);
   std::vector<std::string> logged;
   for (const std::string& line : sink->Lines()) {
@@ -145,22 +128,17 @@ TEST_F(CommonLib, SmallHelpersAndClocks) {
 // Device numbers, interfaces, signal quality, the environment and missing
 // paths are checked by the examples of docs/cv.md, which run as a test.
 TEST_F(CommonLib, DirectoryListingAndDiskSpace) {
-  const std::filesystem::path dir =
-      std::filesystem::temp_directory_path() / ("corvane_cv_test_" + std::to_string(getpid()));
-  const std::string quoted = "'" + dir.string() + "'";
-  std::filesystem::create_directories(dir / "sub");
-  for (const char* name : {"b", "a", ".hidden"}) std::ofstream(dir / name) << name;
-  struct statvfs fs {};
-  ASSERT_EQ(statvfs(dir.c_str(), &fs), 0);
+  testsupport::ScratchDir dir;
+  const std::string quoted = "'" + dir.Path() + "'";
+  std::filesystem::create_directories(dir.File("sub"));
+  for (const char* name : {"b", "a", ".hidden"}) std::ofstream(dir.File(name)) << name;
   ExpectAll({
       {"return dump({cv.get_dir_contents(" + quoted + ")})", R"({1={1=".hidden",2="a",3="b",4="sub"},2=true})"},
-      {"local i = cv.get_disk_space_info(" + quoted + ") return i.total, i.avail <= i.free and i.free <= i.total",
-       std::to_string(static_cast<uint64_t>(fs.f_blocks) * fs.f_frsize) + " | true"},
+      {"local i = cv.get_disk_space_info(" + quoted +
+           ") return i.total > 0 and i.avail <= i.free and i.free <= i.total",
+       "true"},
       {"local i = cv.get_default_iface() return i == nil or cv.get_iface_ip()[i] ~= nil", "true"},
   });
-  const long long free = std::stoll(Eval("return cv.get_disk_space_info(" + quoted + ").free"));
-  EXPECT_LE(std::llabs(free - static_cast<long long>(fs.f_bfree * fs.f_frsize)), 256LL << 20);
-  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

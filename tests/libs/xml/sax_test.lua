@@ -6,20 +6,16 @@ local xml, check = ...
 local ARITY = { start = 3, attr = 4, close = 3, text = 1, comment = 1, pi = 2 }
 
 local function recorder()
-  local events = {}
-  local function on(kind)
-    return function(...)
+  local events, callbacks = {}, {}
+  for name, kind in pairs({ startElement = "start", attribute = "attr", closeElement = "close", text = "text",
+                            comment = "comment", pi = "pi" }) do
+    callbacks[name] = function(...)
       local parts = { kind }
-      for i = 1, ARITY[kind] do
-        parts[#parts + 1] = tostring((select(i, ...)))
-      end
+      for i = 1, ARITY[kind] do parts[#parts + 1] = tostring((select(i, ...))) end
       events[#events + 1] = table.concat(parts, "|")
     end
   end
-  return events, {
-    startElement = on("start"), attribute = on("attr"), closeElement = on("close"),
-    text = on("text"), comment = on("comment"), pi = on("pi"),
-  }
+  return events, callbacks
 end
 
 local function eventsOf(content, options)
@@ -32,19 +28,9 @@ check.test("Sax.ReportsEveryConstructInDocumentOrder", function()
   check.equal(eventsOf('<?xml version="1.0"?>\n<!-- head -->\n'
                        .. '<root  a = "1"\n\tb=\'2\' >text<empty /><![CDATA[<raw>&amp;]]>'
                        .. '<?target  data here?></root  >'), {
-    'pi|xml|version="1.0"',
-    "text|\n",
-    "comment| head ",
-    "text|\n",
-    "start|root|nil|nil",
-    "attr|a|1|nil|nil",
-    "attr|b|2|nil|nil",
-    "text|text",
-    "start|empty|nil|nil",
-    "close|empty|nil|nil",
-    "text|<raw>&amp;",
-    "pi|target| data here",
-    "close|root|nil|nil",
+    'pi|xml|version="1.0"', "text|\n", "comment| head ", "text|\n", "start|root|nil|nil", "attr|a|1|nil|nil",
+    "attr|b|2|nil|nil", "text|text", "start|empty|nil|nil", "close|empty|nil|nil", "text|<raw>&amp;",
+    "pi|target| data here", "close|root|nil|nil",
   })
 end)
 
@@ -53,11 +39,8 @@ check.test("Sax.TextIsReportedOnceBetweenConstructs", function()
     "start|a|nil|nil", "text|one & two", "comment|c", "text|three", "close|a|nil|nil",
   })
   -- A "<" that starts nothing known stays in the text, and so does a DOCTYPE.
-  check.equal(eventsOf("<a>1 < 2 <3 <!x></a>"), {
-    "start|a|nil|nil", "text|1 < 2 <3 <!x>", "close|a|nil|nil",
-  })
-  check.equal(eventsOf('<!DOCTYPE a [<!ENTITY e "x">]><a/>'), {
-    'text|<!DOCTYPE a [<!ENTITY e "x">]>', "start|a|nil|nil", "close|a|nil|nil",
+  check.equal(eventsOf('<!DOCTYPE a [<!ENTITY e "x">]><a>1 < 2 <3 <!x></a>'), {
+    'text|<!DOCTYPE a [<!ENTITY e "x">]>', "start|a|nil|nil", "text|1 < 2 <3 <!x>", "close|a|nil|nil",
   })
 end)
 
@@ -73,44 +56,24 @@ check.test("Sax.StripWhitespaceTrimsTextButNotCdata", function()
   })
 end)
 
-check.test("Sax.NamespacesResolveFromInnermostScope", function()
-  local content = [[
-<r xmlns="urn:default" xmlns:p="urn:p">
-  <p:child p:attr="1" plain="2"/>
-  <inner xmlns="urn:inner"><leaf/></inner>
-  <late a:x="v" xmlns:a="urn:late"/>
-  <q:x xmlns:q="urn:q"></q:x>
-  <p:s xmlns:p="urn:s"><p:e xmlns:p="urn:e"/><p:i/></p:s><p:back/>
-  <none xmlns=""><deep/></none>
-  <t xml:lang="en"></t>
-</r>]]
-  check.equal(eventsOf(content, { stripWhitespace = true }), {
-    "start|r|urn:default|nil", "attr|xmlns|urn:default|nil|nil", "attr|xmlns:p|urn:p|nil|nil",
-    "start|child|urn:p|p", "attr|attr|1|urn:p|p", "attr|plain|2|nil|nil", "close|child|urn:p|p",
-    "start|inner|urn:inner|nil", "attr|xmlns|urn:inner|nil|nil",
-    "start|leaf|urn:inner|nil", "close|leaf|urn:inner|nil", "close|inner|urn:inner|nil",
-    -- A declaration later in the tag applies to the whole tag.
-    "start|late|urn:default|nil", "attr|x|v|urn:late|a", "attr|xmlns:a|urn:late|nil|nil",
-    "close|late|urn:default|nil",
-    "start|x|urn:q|q", "attr|xmlns:q|urn:q|nil|nil", "close|x|urn:q|nil",
-    -- A redeclared prefix is hidden only until its element closes.
-    "start|s|urn:s|p", "attr|xmlns:p|urn:s|nil|nil", "start|e|urn:e|p", "attr|xmlns:p|urn:e|nil|nil",
-    "close|e|urn:e|p", "start|i|urn:s|p", "close|i|urn:s|p", "close|s|urn:s|nil", "start|back|urn:p|p",
-    "close|back|urn:p|p",
-    "start|none|nil|nil", "attr|xmlns||nil|nil", "start|deep|nil|nil", "close|deep|nil|nil",
-    "close|none|nil|nil",
-    "start|t|urn:default|nil", "attr|lang|en|http://www.w3.org/XML/1998/namespace|xml",
-    "close|t|urn:default|nil",
-    "close|r|urn:default|nil",
+-- Resolution itself is compared with lua-expat (expat_compare.lua); this is
+-- what only we report: prefixes, and a declaration's scope ending.
+check.test("Sax.NamespacesReportTheirPrefixes", function()
+  local content = '<r xmlns:p="urn:p"><p:s xmlns:p="urn:s" p:a="1" b="2"><p:i/></p:s><p:e/><t xml:lang="en"/></r>'
+  check.equal(eventsOf(content), {
+    "start|r|nil|nil", "attr|xmlns:p|urn:p|nil|nil",
+    "start|s|urn:s|p", "attr|xmlns:p|urn:s|nil|nil", "attr|a|1|urn:s|p", "attr|b|2|nil|nil",
+    "start|i|urn:s|p", "close|i|urn:s|p", "close|s|urn:s|nil", "start|e|urn:p|p", "close|e|urn:p|p",
+    "start|t|nil|nil", "attr|lang|en|http://www.w3.org/XML/1998/namespace|xml", "close|t|nil|nil",
+    "close|r|nil|nil",
   })
 end)
 
-check.test("Sax.ReplacesReferencesInTextAndAttributeValues", function()
+-- Well-formed references are compared with lua-expat; these are the ones it
+-- refuses, which we pass through or decode all the same.
+check.test("Sax.LenientReferencesInTextAndAttributeValues", function()
   local cases = {
-    { "&lt;&gt;&amp;&quot;&apos;", "<>&\"'" },
-    { "&#65;&#x41;&#X41;&#0065;", "AAAA" },
-    { "caf&#233; &#x263A; &#x1F600;", "café ☺ 😀" },
-    { "&#x1FFFFF;|&#x200000;|&#xFFFF;|&#x10000;", "\xF7\xBF\xBF\xBF|&#x200000;|\xEF\xBF\xBF|\xF0\x90\x80\x80" },
+    { "&#x1FFFFF;|&#x200000;|&#xFFFF;|&#0065;|&#X41;", "\xF7\xBF\xBF\xBF|&#x200000;|\xEF\xBF\xBF|A|A" },
     { "&foo; &amp &; &#; & x", "&foo; &amp &; &#; & x" },
     { "&amp;lt;", "&lt;" },
   }
@@ -122,7 +85,7 @@ check.test("Sax.ReplacesReferencesInTextAndAttributeValues", function()
   end
 end)
 
-check.test("Sax.DefaultCallbacksPrintATrace", function()
+check.test("Sax.NoCallbacksPrintATraceAndMissingOnesSkipTheirEvents", function()
   local lines = {}
   local savedPrint = print
   print = function(line) lines[#lines + 1] = line end
@@ -132,9 +95,7 @@ check.test("Sax.DefaultCallbacksPrintATrace", function()
   check.equal(lines, {
     "<?pi data?>", "<!-- c -->", "<p:a>", '  xmlns:p="u"', '  x="1"', '  text: "t"', "</a>",
   })
-end)
-
-check.test("Sax.MissingCallbacksSkipTheirEvents", function()
+  -- Missing callbacks skip their events.
   local texts = {}
   xml.sax.parseStr("<a>x<!--c--><b/>y</a>", { text = function(text) texts[#texts + 1] = text end })
   check.equal(texts, { "x", "y" })
@@ -145,16 +106,10 @@ check.test("Sax.RaisesOnMalformedDocuments", function()
   local cases = {
     { "<a b></a>", "Was in an element and couldn't find attributes or the close." },
     { '<a x="1<"/>', "Was in an element and couldn't find attributes or the close." },
-    { "<a x=1/>", "Was in an element and couldn't find attributes or the close." },
-    { '<a x="1" / >', "Was in an element and couldn't find attributes or the close." },
-    { "<p:a/>", "Cannot find namespace for prefix p" },
     { '<a p:x="1"/>', "Cannot find namespace for prefix p" },
     { '<r><a xmlns:z="u"/><z:b/></r>', "Cannot find namespace for prefix z" },
     { "<a></z:a>", "Cannot find namespace for prefix z" },
-    { "", "Parsing did not discover any elements" },
     { "text <!-- c --> <?pi x?> <![CDATA[x]]>", "Parsing did not discover any elements" },
-    { "<a><b></b>", "Parsing ended with unclosed elements" },
-    { "<a>", "Parsing ended with unclosed elements" },
     { '<a x="1"', "Parsing ended with unclosed elements" },
     { "<a>&#zz;</a>", "attempt to compare nil with number" },
     { '<a v="&#1x;"/>', "attempt to compare nil with number" },
@@ -162,10 +117,6 @@ check.test("Sax.RaisesOnMalformedDocuments", function()
   for _, case in ipairs(cases) do
     check.raises(case[2], xml.sax.parseStr, case[1], select(2, recorder()))
   end
-  -- The library's own errors point into the library text.
-  local message = check.raises("Parsing did not discover any elements", xml.sax.parseStr, "", {})
-  check.truthy(message:find(":%d+: Parsing did not discover any elements$"),
-               "a source position in " .. message)
 end)
 
 check.test("Sax.InputEndingInsideATagReportsNoStart", function()
