@@ -331,8 +331,8 @@ void ApplySandbox(lua_State* L) {
   // Written against the libraries as opened: the originals that the wrappers
   // keep are upvalues, out of reach without the debug library.
   static const char kProfile[] = R"lua(
-local load, type, next, rawget, error, setmetatable, collectgarbage =
-      load, type, next, rawget, error, setmetatable, collectgarbage
+local load, type, next, rawget, error, setmetatable, collectgarbage, select =
+      load, type, next, rawget, error, setmetatable, collectgarbage, select
 local loaded = package.loaded
 
 _G.io, loaded.io = nil, nil
@@ -346,8 +346,10 @@ package.loadlib, package.searchpath = nil, nil
 package.path, package.cpath = "", ""
 package.searchers = {}
 
-_G.load = function(chunk, name, mode, env)
-  return load(chunk, name, "t", env)
+-- An environment passed as nil is one, so only one that was given goes on.
+_G.load = function(chunk, name, mode, ...)
+  if select("#", ...) == 0 then return load(chunk, name, "t") end
+  return load(chunk, name, "t", (...))
 end
 
 local gcAllowed = {count = true, step = true, collect = true, isrunning = true}
