@@ -1,10 +1,16 @@
 #include "lua/wrap_func.h"
 
+#include <cxxabi.h>
+
 #include <exception>
+#include <typeinfo>
 #include <memory>
 #include <utility>
 
 #include "lua/internal/handles.h"
+
+// The interpreter's error record; only its pointer type is named here.
+struct lua_longjmp;
 
 namespace lua {
 namespace detatils {
@@ -125,6 +131,13 @@ void PrepareArgs(CallFrame& frame, lua_State* L) {
   for (size_t i = 0; i < n; ++i) HandleAccess::Retarget(args[i], frame.rt, L, static_cast<int>(i) + 1);
 }
 
+// Whether the exception being handled is an error the interpreter raised
+// (built as C++, it throws a lua_longjmp pointer) rather than the host's.
+bool IsInterpreterError() {
+  const std::type_info* type = abi::__cxa_current_exception_type();
+  return type != nullptr && *type == typeid(lua_longjmp*);
+}
+
 template <class Call>
 int Invoke(lua_State* L, const void* running, Call&& call) {
   try {
@@ -150,6 +163,11 @@ int Invoke(lua_State* L, const void* running, Call&& call) {
   } catch (const std::exception& e) {
     luaL_error(L, "Cpp: %s", e.what());
     __builtin_unreachable();  // luaL_error raises and never returns
+  } catch (...) {
+    // The interpreter raises its own errors as C++ exceptions too: those go on.
+    if (IsInterpreterError()) throw;
+    luaL_error(L, "Cpp: unknown exception");
+    __builtin_unreachable();
   }
 }
 
