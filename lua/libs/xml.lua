@@ -455,15 +455,22 @@ local function parseSax(content, callbacks, options)
   end
 end
 
+-- The most a parseFile reads: a bigger file, or an endless one (a device, a
+-- pipe), fails before it can exhaust memory.
+local MAX_FILE_BYTES = 64 * 1024 * 1024
+
 local function readFile(fileName)
   -- io.open would stop at the NUL and open another file.
   if type(fileName) == "string" and find(fileName, "\0", 1, true) then
     error("Bad argument: path contains a NUL byte")
   end
   local file = io.open(fileName, "rb")
-  local content = file:read("a")
+  local content = file:read(MAX_FILE_BYTES + 1)
   file:close()
-  return content
+  if content and #content > MAX_FILE_BYTES then
+    error("file too large (more than " .. MAX_FILE_BYTES .. " bytes)")
+  end
+  return content or ""
 end
 
 ---------------------------------------------------------------------------
