@@ -252,6 +252,11 @@ std::vector<boost::shared_ptr<ObjectRef>> RunTime::RunImpl(ChunkKind kind, const
   if (lua_type(state_, -1) != LUA_TTABLE) {
     throw RunTimeError("RunImpl(): invalid args type are passed");
   }
+  // The system would open the shorter path before the NUL.
+  if (kind == ChunkKind::File && source.find('\0') != std::string::npos) {
+    lua_pop(state_, 1);
+    throw RunTimeError("RunFile(): path contains a NUL byte");
+  }
   lua_setglobal(state_, "init_data");
   if (clearStack) lua_settop(state_, 0);
   const int base = lua_gettop(state_);
