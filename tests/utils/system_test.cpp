@@ -3,25 +3,13 @@
 #include <cstdint>
 #include <limits>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 namespace {
 
-TEST(NetworkInterfaces, LoopbackHasItsAddress) {
-  std::vector<utils::NetworkInterface> interfaces;
-  ASSERT_TRUE(utils::GetNetworkInterfaces(&interfaces));
-  bool found = false;
-  for (const auto& entry : interfaces) {
-    if (entry.name == "lo") found = found || entry.address == "127.0.0.1";
-  }
-  EXPECT_TRUE(found);
-}
-
 TEST(DefaultRoute, LowestMetricUpDefaultRouteWins) {
-  const std::string header =
-      "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
+  const std::string header = "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
   struct Case {
     std::string rows;
     const char* iface;
@@ -54,17 +42,14 @@ TEST(WiFiQuality, MapsLinearlyAndClamps) {
     int64_t strength, best, worst;
     int quality;
   };
-  const Case cases[] = {
-      {-20, -20, -85, 100}, {-85, -20, -85, 0},   {-10, -20, -85, 100}, {-100, -20, -85, 0},
-      {-50, -20, -85, 54},  {-84, -20, -85, 2},   {-50, -50, -50, 100}, {-51, -50, -50, 0},
-      {-85, -85, -20, 100}, {-20, -85, -20, 0},   {0, kMax, kMin, 50},  {kMin, kMax, kMin, 0},
-      {kMax, 0, -100, 100}, {-60, -40, -80, 50},
-  };
+  // Ordinary readings are among the cv examples; here the ends, reversed and equal bounds, and extremes.
+  const Case cases[] = {{-85, -20, -85, 0},  {-84, -20, -85, 2},    {-50, -50, -50, 100},
+                        {-51, -50, -50, 0},  {-85, -85, -20, 100},  {-20, -85, -20, 0},
+                        {0, kMax, kMin, 50}, {kMin, kMax, kMin, 0}, {kMax, 0, -100, 100}};
   for (const Case& c : cases) {
     EXPECT_EQ(utils::WiFiSignalStrengthToQuality(c.strength, c.best, c.worst), c.quality)
         << c.strength << " " << c.best << " " << c.worst;
   }
-  EXPECT_EQ(utils::WiFiSignalStrengthToQuality(-52), 51);
 }
 
 }  // namespace

@@ -1,11 +1,11 @@
 #include "utils/url.h"
 
-#include <gtest/gtest.h>
-
 #include <string>
 #include <tuple>
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "utils/string_pair_list.h"
 
