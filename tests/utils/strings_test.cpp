@@ -3,6 +3,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -76,51 +77,46 @@ TEST(Strings, CaseInsensitiveComparisonIsAConsistentOrder) {
 }
 
 TEST(Strings, MultiByteCheckRejectsAsciiAndBrokenSequences) {
-  struct Case {
-    const char* text;
-    bool ok;
-    size_t offset;
-  };
-  const Case cases[] = {{"\xC3\xA9", true, 99},
-                        {"\xF8\x80\x80\x80\x80\xFC\x80\x80\x80\x80\x80", true, 99},
-                        {"", true, 99},
-                        {"abc", false, 0},
-                        {"\xC3\xA9\x61", false, 2},
-                        {"\xC3", false, 0},
-                        {"\xC3\xA9\xE2\x82", false, 2},
-                        {"\xFE\x80", false, 0},
-                        {"\xC3\xA9\xFF", false, 2}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(std::string(c.text)));
+  // The offset of the first bad byte; 99 (untouched) when the text passes.
+  const std::pair<const char*, size_t> cases[] = {{"\xC3\xA9", 99},
+                                                  {"\xF8\x80\x80\x80\x80\xFC\x80\x80\x80\x80\x80", 99},
+                                                  {"", 99},
+                                                  {"abc", 0},
+                                                  {"\xC3\xA9\x61", 2},
+                                                  {"\xC3", 0},
+                                                  {"\xC3\xA9\xE2\x82", 2},
+                                                  {"\xFE\x80", 0},
+                                                  {"\xC3\xA9\xFF", 2}};
+  for (const auto& [text, bad] : cases) {
     size_t offset = 99;
-    EXPECT_EQ(utils::CheckUtf8String(c.text, &offset), c.ok);
-    EXPECT_EQ(offset, c.offset);
+    EXPECT_EQ(utils::CheckUtf8String(text, &offset), bad == 99) << testing::PrintToString(std::string(text));
+    EXPECT_EQ(offset, bad);
   }
   EXPECT_FALSE(utils::CheckUtf8String("a", nullptr));
 }
 
 TEST(Strings, SplitAtTheFirstDelimiterOrIntoPieces) {
-  std::string first, second;
-  EXPECT_TRUE(utils::SplitString(" key : a:b ", ":", true, &first, &second));
-  EXPECT_EQ(first + "|" + second, "key|a:b");
-  EXPECT_TRUE(utils::SplitString("a=>b", "=>", false, &first, &second));
-  EXPECT_EQ(first + "|" + second, "a|b");
-  EXPECT_FALSE(utils::SplitString(" alone ", ":", true, &first, &second));
-  EXPECT_EQ(first + "|" + second, "alone|");
-
-  using Pieces = std::vector<std::string>;
-  Pieces parts{"stale"};
-  utils::SplitString(",a,;b,,", ",;", false, &parts);
-  EXPECT_EQ(parts, (Pieces{"", "a", "", "b", "", ""}));
-  utils::SplitString(",a,;b,,", ",;", true, &parts);
-  EXPECT_EQ(parts, (Pieces{"a", "b"}));
-  utils::SplitString("", ",", false, &parts);
-  EXPECT_EQ(parts, (Pieces{""}));
-  utils::SplitString("a,b", "", true, &parts);
-  EXPECT_EQ(parts, (Pieces{"a,b"}));
+  auto pair = [](const char* text, const char* delimiter, bool trim) {
+    std::string first, second;
+    const bool found = utils::SplitString(text, delimiter, trim, &first, &second);
+    return (found ? "" : "none ") + first + "|" + second;
+  };
+  EXPECT_EQ(pair(" key : a:b ", ":", true), "key|a:b");
+  EXPECT_EQ(pair("a=>b", "=>", false), "a|b");
+  EXPECT_EQ(pair(" alone ", ":", true), "none alone|");
+  auto pieces = [](const std::string& text, const char* delimiters, bool skipEmpty) {
+    std::vector<std::string> parts{"stale"};
+    utils::SplitString(text, delimiters, skipEmpty, &parts);
+    return testing::PrintToString(parts);
+  };
+  EXPECT_EQ(pieces(",a,;b,,", ",;", false), R"({ "", "a", "", "b", "", "" })");
+  EXPECT_EQ(pieces(",a,;b,,", ",;", true), R"({ "a", "b" })");
+  EXPECT_EQ(pieces("", ",", false), R"({ "" })");
+  EXPECT_EQ(pieces("a,b", "", true), R"({ "a,b" })");
+  std::vector<std::string> parts;
   const std::vector<char> bytes{'x', ' ', 'y'};
   utils::SplitString(bytes.begin(), bytes.end(), " ", false, &parts);
-  EXPECT_EQ(parts, (Pieces{"x", "y"}));
+  EXPECT_EQ(parts, (std::vector<std::string>{"x", "y"}));
 }
 
 TEST(Strings, IniFieldIsFoundFromTheStartOffset) {
