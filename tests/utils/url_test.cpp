@@ -104,21 +104,18 @@ TEST(UserInfo, EscapedFormRoundTripsAndInvalidTextIsRejected) {
   EXPECT_FALSE(utils::ModifyUrlUserInfo("http://h/", "a@b", &result));
 }
 
-TEST(Query, ParsesInOrderWithRepeatsAndBuildsBack) {
+// Ordinary queries are among the cv examples.
+TEST(Query, ParsesEmptyPartsAndBuildsBackWhatItParses) {
   utils::StringPairList list;
-  ASSERT_TRUE(utils::ParseQuery("?a=1&a=2&b&c=&=d&e+f=g%20h&&x=y=z", &list));
-  EXPECT_EQ(ToPairs(list),
-            (Pairs{{"a", "1"}, {"a", "2"}, {"b", ""}, {"c", ""}, {"", "d"}, {"e f", "g h"}, {"x", "y=z"}}));
-  EXPECT_EQ(utils::BuildQueryString(list), "a=1&a=2&b&c&=d&e+f=g+h&x=y%3Dz");
-
+  ASSERT_TRUE(utils::ParseQuery("?b&c=&=d&e+f=g%20h&&x=y=z", &list));
+  EXPECT_EQ(ToPairs(list), (Pairs{{"b", ""}, {"c", ""}, {"", "d"}, {"e f", "g h"}, {"x", "y=z"}}));
+  EXPECT_EQ(utils::BuildQueryString(list), "b&c&=d&e+f=g+h&x=y%3Dz");
   const Pairs tricky{{"k&=", "v+ \xC3\xA9%"}, {"k&=", "2"}, {"#", "?/"}};
-  utils::StringPairList built;
+  utils::StringPairList built, parsed;
   for (const auto& p : tricky) built.AddValue(p.first, p.second);
-  utils::StringPairList parsed;
   ASSERT_TRUE(utils::ParseQuery(utils::BuildQueryString(built), &parsed));
   EXPECT_EQ(ToPairs(parsed), tricky);
-  EXPECT_FALSE(utils::ParseQuery("a=%00", &parsed));
-  EXPECT_FALSE(utils::ParseQuery(std::string("a=\0", 3), &parsed));
+  EXPECT_FALSE(utils::ParseQuery("a=%00", &parsed) || utils::ParseQuery(std::string("a=\0", 3), &parsed));
 }
 
 TEST(NetProxyInfoFromUrl, ReadsTypeCredentialsAndDefaultPorts) {
