@@ -1,9 +1,8 @@
 #include "utils/segments.h"
 
-#include <cstring>
-#include <memory>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -12,9 +11,8 @@ namespace {
 TEST(Segments, ExtractMessageFindsTheTextBetweenMarkers) {
   const std::string text = "HTTP/1.1 200 OK\r\nX-Id: <abc>\r\n\r\nbody";
   // Exactly sized copy without terminator, so reads past `end` are caught.
-  std::unique_ptr<char[]> bytes(new char[text.size()]);
-  std::memcpy(bytes.get(), text.data(), text.size());
-  const char* begin = bytes.get();
+  const std::vector<char> bytes(text.begin(), text.end());
+  const char* begin = bytes.data();
   const char* end = begin + text.size();
   EXPECT_EQ(utils::ExtractMessage(begin, end, "X-Id: ", "\r\n", false), "<abc>");
   EXPECT_EQ(utils::ExtractMessage(begin, end, "<", ">", true), "<abc>");

@@ -1,10 +1,9 @@
 #include "utils/string_to_int.h"
 
-#include <cstring>
 #include <initializer_list>
 #include <limits>
-#include <memory>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -15,9 +14,8 @@ namespace {
 template <typename T>
 void Expect(const std::string& text, unsigned radix, bool strict, bool ok, T value, size_t stop) {
   SCOPED_TRACE(testing::Message() << '"' << text << "\" radix " << radix << " strict " << strict);
-  std::unique_ptr<char[]> buffer(new char[text.size()]);
-  std::memcpy(buffer.get(), text.data(), text.size());
-  const char* begin = buffer.get();
+  const std::vector<char> buffer(text.begin(), text.end());
+  const char* begin = buffer.data();
   T out = 42;
   const char* at = nullptr;
   bool result = radix == 10 ? utils::StringToInt(begin, begin + text.size(), &out, strict, &at)
