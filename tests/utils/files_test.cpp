@@ -93,9 +93,8 @@ TEST_F(TempDir, StatusChangesWhenTheFileIsReplaced) {
   const std::string path = Path("script.lua");
   EXPECT_FALSE(utils::GetStatus(path).exists);
   ASSERT_TRUE(utils::WriteFileAtomically(path, "return 1"));
-  utils::FileStatus first = utils::GetStatus(path);
-  EXPECT_TRUE(first.exists);
-  EXPECT_EQ(first.size, 8u);
+  const utils::FileStatus first = utils::GetStatus(path);
+  EXPECT_TRUE(first.exists && first.size == 8u);
   EXPECT_EQ(utils::GetStatus(path), first);
   // Same size, written within the same clock tick: the new inode still shows.
   ASSERT_TRUE(utils::WriteFileAtomically(path, "return 2"));
