@@ -1,5 +1,3 @@
-// The corvane runner run on script files: exit status, standard output and
-// standard error.
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -28,8 +26,6 @@ class Runner : public ::testing::Test {
   testsupport::ScratchDir dir_;
 };
 
-// Results go to standard output as one JSON array; a script that fails exits
-// with 1 and prints only its error.
 TEST_F(Runner, PrintsResultsAsOneJsonArrayOrExitsWithOne) {
   const std::string greet = Script("greet.lua",
                                    "local name = init_data.name or 'nobody'\n"

@@ -30,7 +30,6 @@ std::string EncodeWith(Base64Path path, const std::string& data) {
   return text;
 }
 
-// The decoded bytes; failure is reported through `ok`.
 std::string DecodeWith(Base64Path path, const std::string& text, bool* ok) {
   std::vector<uint8_t> out(utils::Base64DecodedMaxSize(text.size()) + 1);
   size_t size = 0;
@@ -125,7 +124,6 @@ TEST(Base64, PublicDecodeSkipsOnlyWhitespaceWhenAskedAndHonoursRangeEnds) {
   EXPECT_EQ(out, "f");
   EXPECT_FALSE(utils::Base64Decode("Zm9v*", nullptr, &out, utils::Base64Mode::kSkipWhitespace));
   EXPECT_FALSE(utils::Base64Decode("Zg==\nZg==", nullptr, &out, utils::Base64Mode::kSkipWhitespace));
-  // The string forms honour range ends and clear the output on failure.
   const char text[] = "SGk=garbage";
   ASSERT_TRUE(utils::Base64Decode(text, text + 4, &out));
   EXPECT_EQ(out, "Hi");

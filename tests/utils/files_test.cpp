@@ -99,7 +99,6 @@ TEST_F(TempDir, StatusChangesWhenTheFileIsReplacedAndListingsAppend) {
   // Same size, written within the same clock tick: the new inode still shows.
   ASSERT_TRUE(utils::WriteFileAtomically(path, "return 2"));
   EXPECT_NE(utils::GetStatus(path), first);
-  // A listing appends to what the vector holds; a file is no folder.
   std::vector<std::string> names = {"kept"};
   ASSERT_TRUE(utils::GetDirectoryContents(dir_, &names));
   EXPECT_FALSE(utils::GetDirectoryContents(Path("nope"), &names) || utils::GetDirectoryContents(path, &names));

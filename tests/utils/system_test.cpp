@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -10,28 +11,21 @@ namespace {
 
 TEST(DefaultRoute, LowestMetricUpDefaultRouteWins) {
   const std::string header = "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
-  struct Case {
-    std::string rows;
-    const char* iface;
+  auto row = [](const char* iface, const char* destination, const char* flags, const char* metric, const char* mask) {
+    return std::string(iface) + "\t" + destination + "\t010200C0\t" + flags + "\t0\t0\t" + metric + "\t" + mask +
+           "\t0\t0\t0\n";
   };
-  const Case cases[] = {
-      {"eth0\t00000000\t010200C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n"
-       "eth0\t000200C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n",
-       "eth0"},
-      {"wlan0\t00000000\t0101A8C0\t0003\t0\t0\t600\t00000000\t0\t0\t0\n"
-       "eth1\t00000000\t0100000A\t0003\t0\t0\t100\t00000000\t0\t0\t0\n",
+  const std::pair<std::string, const char*> cases[] = {
+      {row("eth0", "00000000", "0003", "0", "00000000") + row("eth0", "000200C0", "0001", "0", "00FFFFFF"), "eth0"},
+      {row("wlan0", "00000000", "0003", "600", "00000000") + row("eth1", "00000000", "0003", "100", "00000000"),
        "eth1"},
       // A route that is down, then a host route that only looks like a default.
-      {"eth0\t00000000\t010200C0\t0002\t0\t0\t0\t00000000\t0\t0\t0\n"
-       "eth1\t00000000\t010200C0\t0003\t0\t0\t0\tFFFFFFFF\t0\t0\t0\n",
-       ""},
-      {"broken line\n"
-       "ppp0\t00000000\t00000000\t0001\t0\t0\t0\t00000000\t0\t0\t0\n",
-       "ppp0"},
+      {row("eth0", "00000000", "0002", "0", "00000000") + row("eth1", "00000000", "0003", "0", "FFFFFFFF"), ""},
+      {"broken line\n" + row("ppp0", "00000000", "0001", "0", "00000000"), "ppp0"},
       {"", ""},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(utils::GetDefaultGwIfaceFromRouteTable(header + c.rows), c.iface) << c.rows;
+  for (const auto& [rows, iface] : cases) {
+    EXPECT_EQ(utils::GetDefaultGwIfaceFromRouteTable(header + rows), iface) << rows;
   }
 }
 

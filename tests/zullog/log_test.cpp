@@ -81,7 +81,6 @@ TEST_F(Logging, DefaultSinkWritesOneLinePerRecordToStderr) {
   CORVANE_LOG(zul_log_logger__utils(), zullog::SeverityWarning, "utils") << "second";  // the threshold itself
   CORVANE_LOG(zul_log_logger__utils(), zullog::SeverityInfo, "utils") << "below";
   std::string out = ::testing::internal::GetCapturedStderr();
-  // "YYYY-MM-DDTHH:MM:SS.mmmZ ERROR <utils> first\n..."
   ASSERT_EQ(std::count(out.begin(), out.end(), '\n'), 2);
   EXPECT_NE(out.find("Z ERROR <utils> first\n"), std::string::npos);
   EXPECT_NE(out.find("Z WARNING <utils> second\n"), std::string::npos);
