@@ -12,7 +12,7 @@ namespace {
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
-// Pairs as "k=v;k=v", through the ToString that JoinAndToString checks.
+// Pairs as "k=v;k=v", through the ToString that RemovalAndJoinKeepTheOrder checks.
 std::string All(const utils::StringPairList& list) { return list.ToString("=", ";"); }
 
 utils::StringPairList Make(const Pairs& pairs) {
@@ -46,7 +46,7 @@ TEST(StringPairList, LookupsHonourOrderDuplicatesAndCase) {
   EXPECT_FALSE(list.Value(4, nullptr, &value));
 }
 
-TEST(StringPairList, RemovalKeepsTheOrderOfTheRest) {
+TEST(StringPairList, RemovalAndJoinKeepTheOrder) {
   utils::StringPairList list = Make({{"A", "1"}, {"a", "2"}, {"b", "3"}, {"A", "4"}});
   EXPECT_TRUE(list.Remove("A", true));
   EXPECT_EQ(All(list), "a=2;b=3;A=4");
@@ -60,12 +60,9 @@ TEST(StringPairList, RemovalKeepsTheOrderOfTheRest) {
   EXPECT_EQ(All(list), "y=2;X=3");
   EXPECT_TRUE(list.RemoveAll("x", true));
   EXPECT_EQ(All(list), "y=2");
-}
-
-TEST(StringPairList, JoinAndToString) {
-  utils::StringPairList list = Make({{"a", "1"}, {"b", "2"}});
+  list.AddValue("z", "3");
   list.Join(list);
-  EXPECT_EQ(list.ToString(": ", "\r\n"), "a: 1\r\nb: 2\r\na: 1\r\nb: 2");
+  EXPECT_EQ(list.ToString(": ", "\r\n"), "y: 2\r\nz: 3\r\ny: 2\r\nz: 3");
   // The pair separator goes in only once the text is non-empty.
   EXPECT_EQ(Make({{"", ""}, {"k", "v"}}).ToString("", ";"), "kv");
 }
