@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include <gtest/gtest.h>
@@ -32,17 +33,13 @@ TEST(DefaultRoute, LowestMetricUpDefaultRouteWins) {
 TEST(WiFiQuality, MapsLinearlyAndClamps) {
   constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
   constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
-  struct Case {
-    int64_t strength, best, worst;
-    int quality;
-  };
   // Ordinary readings are among the cv examples; here the ends, reversed and equal bounds, and extremes.
-  const Case cases[] = {{-85, -20, -85, 0},  {-84, -20, -85, 2},    {-50, -50, -50, 100},
-                        {-51, -50, -50, 0},  {-85, -85, -20, 100},  {-20, -85, -20, 0},
-                        {0, kMax, kMin, 50}, {kMin, kMax, kMin, 0}, {kMax, 0, -100, 100}};
-  for (const Case& c : cases) {
-    EXPECT_EQ(utils::WiFiSignalStrengthToQuality(c.strength, c.best, c.worst), c.quality)
-        << c.strength << " " << c.best << " " << c.worst;
+  // Strength, best, worst and the quality they give.
+  const std::tuple<int64_t, int64_t, int64_t, int> cases[] = {
+      {-85, -20, -85, 0}, {-84, -20, -85, 2},  {-50, -50, -50, 100},  {-51, -50, -50, 0},  {-85, -85, -20, 100},
+      {-20, -85, -20, 0}, {0, kMax, kMin, 50}, {kMin, kMax, kMin, 0}, {kMax, 0, -100, 100}};
+  for (const auto& [strength, best, worst, quality] : cases) {
+    EXPECT_EQ(utils::WiFiSignalStrengthToQuality(strength, best, worst), quality) << strength << " " << best;
   }
 }
 

@@ -1,6 +1,7 @@
 #include "utils/time.h"
 
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -23,12 +24,7 @@ TEST(Deadline, CountsDownToZeroAndPassesNonPositiveTimeOutsThrough) {
 
 TEST(ParseTime, ReadsUtcAndRejectsWhatDoesNotFitExactly) {
   const char* kFull = "%Y-%m-%d %H:%M:%S";
-  struct Case {
-    const char* text;
-    const char* format;
-    int64_t ms;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, const char*, int64_t> cases[] = {
       {"2024-03-01 12:34:56", kFull, 1709296496000},
       {"1970-01-01 00:00:00", kFull, 0},
       {"2024-02-29", "%Y-%m-%d", 1709164800000},
@@ -42,9 +38,7 @@ TEST(ParseTime, ReadsUtcAndRejectsWhatDoesNotFitExactly) {
       {"1969-12-31", "%Y-%m-%d", -1},  // before the epoch
       {"yesterday", kFull, -1},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(utils::ParseTime(c.text, c.format, true), c.ms) << c.text << " / " << c.format;
-  }
+  for (const auto& [text, format, ms] : cases) EXPECT_EQ(utils::ParseTime(text, format, true), ms) << text;
   EXPECT_EQ(utils::ParseTime(std::string("2024-03-01\0junk", 15), "%Y-%m-%d", true), -1);
 }
 
