@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -22,19 +23,13 @@ std::vector<Base64Path> AvailablePaths() {
   return paths;
 }
 
-const char* PathName(Base64Path path) {
-  return path == Base64Path::kScalar ? "scalar" : path == Base64Path::kSsse3 ? "ssse3" : "avx2";
-}
-
 std::string EncodeWith(Base64Path path, const std::string& data) {
   std::string text(utils::Base64EncodedSize(data.size()), '\0');
-  size_t n = utils::impl::Base64EncodeWith(path, reinterpret_cast<const uint8_t*>(data.data()),
-                                           data.size(), &text[0]);
+  size_t n = utils::impl::Base64EncodeWith(path, reinterpret_cast<const uint8_t*>(data.data()), data.size(), &text[0]);
   EXPECT_EQ(n, text.size());
   return text;
 }
 
-// The decoded bytes; failure is reported through `ok`.
 std::string DecodeWith(Base64Path path, const std::string& text, bool* ok) {
   std::vector<uint8_t> out(utils::Base64DecodedMaxSize(text.size()) + 1);
   size_t size = 0;
@@ -48,54 +43,40 @@ std::string RandomBytes(std::mt19937* rng, size_t size) {
   return bytes;
 }
 
-std::string OpenSslEncode(const std::string& data) {
-  std::vector<unsigned char> out(utils::Base64EncodedSize(data.size()) + 1);
-  int n = EVP_EncodeBlock(out.data(), reinterpret_cast<const unsigned char*>(data.data()),
-                          static_cast<int>(data.size()));
-  return std::string(out.begin(), out.begin() + n);
-}
-
 TEST(Base64, EveryLengthMatchesOpenSslAndRoundTrips) {
   std::mt19937 rng(7);
   // Long enough for several vector blocks plus every tail length.
   for (size_t size = 0; size <= 200; ++size) {
     std::string data = RandomBytes(&rng, size);
-    std::string expected = OpenSslEncode(data);
+    std::string expected(utils::Base64EncodedSize(size) + 1, '\0');
+    expected.resize(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&expected[0]),
+                                    reinterpret_cast<const unsigned char*>(data.data()), static_cast<int>(size)));
     for (Base64Path path : AvailablePaths()) {
-      ASSERT_EQ(EncodeWith(path, data), expected) << PathName(path) << " size " << size;
+      SCOPED_TRACE(testing::Message() << "path " << static_cast<int>(path) << " size " << size);
+      ASSERT_EQ(EncodeWith(path, data), expected);
       bool ok = false;
-      ASSERT_EQ(DecodeWith(path, expected, &ok), data) << PathName(path) << " size " << size;
+      ASSERT_EQ(DecodeWith(path, expected, &ok), data);
       ASSERT_TRUE(ok);
     }
   }
 }
 
 TEST(Base64, PaddingRulesHoldWithAndWithoutAVectorPrefix) {
-  struct Case {
-    const char* text;
-    bool ok;
-    const char* plain;
-  };
-  const Case cases[] = {
-      {"Zg==", true, "f"},     {"Zg", true, "f"},        {"Zm8", true, "fo"},
-      {"Zh==", true, "f"},     {"Zg=", false, ""},        {"Zg===", false, ""},
-      {"Z", false, ""},        {"Z===", false, ""},       {"Zm9v=", false, ""},
-      {"=", false, ""},        {"==", false, ""},         {"Zm8==", false, ""},
-      {"Zg==Zg==", false, ""}, {"Zg=g", false, ""},       {"Zm9v\n", false, ""},
-  };
+  const std::pair<std::string, std::string> valid[] = {{"Zg==", "f"}, {"Zg", "f"}, {"Zm8", "fo"}, {"Zh==", "f"}};
   // 96 valid characters in front let the vector loops run before the tail.
-  const std::string prefix(96, 'A');
-  const std::string prefixBytes(72, '\0');
-  for (Base64Path path : AvailablePaths()) {
-    for (const Case& c : cases) {
-      for (bool withPrefix : {false, true}) {
-        std::string text = (withPrefix ? prefix : "") + c.text;
-        bool ok = false;
-        std::string plain = DecodeWith(path, text, &ok);
-        EXPECT_EQ(ok, c.ok) << PathName(path) << " " << text;
-        if (c.ok) {
-          EXPECT_EQ(plain, (withPrefix ? prefixBytes : std::string()) + c.plain);
-        }
+  for (const std::string& prefix : {std::string(), std::string(96, 'A')}) {
+    const std::string prefixBytes(prefix.size() / 4 * 3, '\0');
+    for (Base64Path path : AvailablePaths()) {
+      SCOPED_TRACE(testing::Message() << "path " << static_cast<int>(path) << " prefix " << prefix.size());
+      bool ok = false;
+      for (const auto& [text, plain] : valid) {
+        EXPECT_EQ(DecodeWith(path, prefix + text, &ok), prefixBytes + plain) << text;
+        EXPECT_TRUE(ok) << text;
+      }
+      for (const char* text :
+           {"Zg=", "Zg===", "Z", "Z===", "Zm9v=", "=", "==", "Zm8==", "Zg==Zg==", "Zg=g", "Zm9v\n"}) {
+        DecodeWith(path, prefix + text, &ok);
+        EXPECT_FALSE(ok) << text;
       }
     }
   }
@@ -104,8 +85,7 @@ TEST(Base64, PaddingRulesHoldWithAndWithoutAVectorPrefix) {
 TEST(Base64, StrictDecodeRejectsABadCharacterAtEveryPosition) {
   std::mt19937 rng(11);
   const std::string valid = utils::Base64Encode(RandomBytes(&rng, 150));  // 200, no padding
-  const char bad[] = {'*', '-', '_', '.', ' ', '\n', '\0', '\x80', '\xff', '@', '[', '`', '{',
-                      '=', ':', ','};
+  const char bad[] = {'*', '-', '_', '.', ' ', '\n', '\0', '\x80', '\xff', '@', '[', '`', '{', '=', ':', ','};
   for (Base64Path path : AvailablePaths()) {
     for (size_t pos = 0; pos < valid.size(); ++pos) {
       for (char c : bad) {
@@ -115,13 +95,13 @@ TEST(Base64, StrictDecodeRejectsABadCharacterAtEveryPosition) {
         text[pos] = c;
         bool ok = true;
         DecodeWith(path, text, &ok);
-        ASSERT_FALSE(ok) << PathName(path) << " position " << pos << " char " << int(c);
+        ASSERT_FALSE(ok) << "path " << static_cast<int>(path) << " position " << pos << " char " << int(c);
       }
     }
   }
 }
 
-TEST(Base64, SkipWhitespaceModeIgnoresOnlyWhitespace) {
+TEST(Base64, PublicDecodeSkipsOnlyWhitespaceWhenAskedAndHonoursRangeEnds) {
   std::mt19937 rng(5);
   const std::string data = RandomBytes(&rng, 120);
   const std::string valid = utils::Base64Encode(data);
@@ -138,22 +118,13 @@ TEST(Base64, SkipWhitespaceModeIgnoresOnlyWhitespace) {
   EXPECT_TRUE(utils::Base64Decode("Zg==\n", nullptr, &out, utils::Base64Mode::kSkipWhitespace));
   EXPECT_EQ(out, "f");
   EXPECT_FALSE(utils::Base64Decode("Zm9v*", nullptr, &out, utils::Base64Mode::kSkipWhitespace));
-  EXPECT_FALSE(
-      utils::Base64Decode("Zg==\nZg==", nullptr, &out, utils::Base64Mode::kSkipWhitespace));
-}
-
-TEST(Base64, StringFormsHonourRangeEndsAndClearOnFailure) {
-  std::string out = "stale";
+  EXPECT_FALSE(utils::Base64Decode("Zg==\nZg==", nullptr, &out, utils::Base64Mode::kSkipWhitespace));
   const char text[] = "SGk=garbage";
   ASSERT_TRUE(utils::Base64Decode(text, text + 4, &out));
   EXPECT_EQ(out, "Hi");
   EXPECT_FALSE(utils::Base64Decode(text, nullptr, &out));
   EXPECT_TRUE(out.empty());
-  ASSERT_TRUE(utils::Base64Decode(std::string("AAA=", 4), &out));
-  EXPECT_EQ(out, std::string(2, '\0'));
   EXPECT_FALSE(utils::Base64Decode(std::string("AA\0=", 4), &out));
-  EXPECT_TRUE(utils::Base64Decode("", nullptr, &out));
-  EXPECT_TRUE(out.empty());
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include "support/shared.h"
-#include "utils/env.h"
 
 namespace {
 
@@ -41,13 +40,12 @@ TEST_F(TempDir, AtomicWriteRoundTripsAndKeepsPermissions) {
   struct stat st;
   ASSERT_EQ(::stat(path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0640u);
-  ASSERT_TRUE(utils::ReadFile(path, &read));
-  EXPECT_EQ(read, "second");
   EXPECT_EQ(Listing(), std::vector<std::string>{"data.bin"});
 
   // Input chosen by others: the cap is inclusive, and only regular files count.
   std::string error;
   EXPECT_TRUE(utils::ReadRegularFile(path, 6, &read, &error)) << error;
+  EXPECT_EQ(read, "second");
   EXPECT_FALSE(utils::ReadRegularFile(path, 5, &read, &error));
   EXPECT_FALSE(utils::ReadRegularFile("/dev/zero", 1 << 20, &read, &error));
 }
@@ -81,10 +79,7 @@ TEST_F(TempDir, FailedWriteLeavesOldContentAndNoTemporaryFile) {
   EXPECT_NE(error.find("rename("), std::string::npos) << error;
   EXPECT_EQ(Listing(), (std::vector<std::string>{"state.json", "taken"}));
 
-  EXPECT_FALSE(utils::WriteFileAtomically(Path("missing/file"), "data", &error));
-  EXPECT_NE(error.find(Path("missing")), std::string::npos) << error;
-  EXPECT_FALSE(utils::ReadFile(Path("absent"), &read, &error));
-  EXPECT_NE(error.find(Path("absent")), std::string::npos) << error;
+  EXPECT_FALSE(utils::WriteFileAtomically(Path("missing/file"), "data") || utils::ReadFile(Path("absent"), &read));
 
   // The system would end a path at a NUL (here: at state.json); all refuse it.
   const std::string cut = path + '\0' + ".new";
@@ -94,77 +89,40 @@ TEST_F(TempDir, FailedWriteLeavesOldContentAndNoTemporaryFile) {
                utils::GetDiskSpaceInfo(cut, nullptr, nullptr, nullptr));
 }
 
-TEST_F(TempDir, StatusChangesWhenTheFileIsReplaced) {
+TEST_F(TempDir, StatusChangesWhenTheFileIsReplacedAndListingsAppend) {
   const std::string path = Path("script.lua");
   EXPECT_FALSE(utils::GetStatus(path).exists);
   ASSERT_TRUE(utils::WriteFileAtomically(path, "return 1"));
-  utils::FileStatus first = utils::GetStatus(path);
-  EXPECT_TRUE(first.exists);
-  EXPECT_EQ(first.size, 8u);
+  const utils::FileStatus first = utils::GetStatus(path);
+  EXPECT_TRUE(first.exists && first.size == 8u);
   EXPECT_EQ(utils::GetStatus(path), first);
   // Same size, written within the same clock tick: the new inode still shows.
   ASSERT_TRUE(utils::WriteFileAtomically(path, "return 2"));
   EXPECT_NE(utils::GetStatus(path), first);
-}
-
-TEST_F(TempDir, DirectoryListingIsSortedAndAppends) {
-  for (const char* name : {"b", ".hidden", "a"}) {
-    ASSERT_TRUE(utils::WriteFileAtomically(Path(name), ""));
-  }
-  std::filesystem::create_directory(Path("c"));
   std::vector<std::string> names = {"kept"};
   ASSERT_TRUE(utils::GetDirectoryContents(dir_, &names));
-  EXPECT_EQ(names, (std::vector<std::string>{"kept", ".hidden", "a", "b", "c"}));
-  EXPECT_FALSE(utils::GetDirectoryContents(Path("nope"), &names));
-  EXPECT_FALSE(utils::GetDirectoryContents(Path("a"), &names));
-  EXPECT_EQ(names.size(), 5u);
+  EXPECT_FALSE(utils::GetDirectoryContents(Path("nope"), &names) || utils::GetDirectoryContents(path, &names));
+  EXPECT_EQ(names, (std::vector<std::string>{"kept", "script.lua"}));
 }
 
 TEST(ExpandPath, ExpandsHomeAndVariablesButNothingElse) {
   testsupport::ScopedEnv home("HOME", "/home/tester/"), dir("CORVANE_T_DIR", "value"),
       ref("CORVANE_T_REF", "$CORVANE_T_DIR");
-  utils::UnsetEnv("CORVANE_T_UNSET");
   const std::pair<const char*, const char*> cases[] = {
       {"~", "/home/tester/"},
       {"~/x/y", "/home/tester/x/y"},
-      {"a/~/b", "a/~/b"},
       {"$CORVANE_T_DIR/x", "value/x"},
-      {"${CORVANE_T_DIR}x", "valuex"},
-      {"$CORVANE_T_DIRx", ""},  // the name runs to "x"
-      {"/a/$CORVANE_T_UNSET/b", "/a//b"},
+      {"$CORVANE_T_DIRx", ""},               // the name runs to "x"
       {"$CORVANE_T_REF", "$CORVANE_T_DIR"},  // values are not expanded again
       {"~/$CORVANE_T_DIR", "/home/tester/value"},
-      {"$", "$"},
-      {"a$", "a$"},
-      {"$1/x", "$1/x"},
-      {"${CORVANE_T_DIR", "${CORVANE_T_DIR"},
-      {"${}", "${}"},
-      {"${CORVANE-T}", "${CORVANE-T}"},
-      {"$(id)/`id`", "$(id)/`id`"},
-      {"*.lua", "*.lua"},
-      {"~corvane_no_such_user/x", "~corvane_no_such_user/x"},
-      {"", ""},
   };
   for (const auto& [in, out] : cases) EXPECT_EQ(utils::ExpandPath(in), out) << in;
-
+  for (const char* same : {"a/~/b", "$", "$1/x", "${CORVANE_T_DIR", "${}", "${CORVANE-T}", "`id`", "*.lua",
+                           "~corvane_no_such_user/x", ""}) {
+    EXPECT_EQ(utils::ExpandPath(same), same);
+  }
   testsupport::ScopedEnv root("HOME", "/");
   EXPECT_EQ(utils::ExpandPath("~/x"), "/x");
-}
-
-// The figures themselves come straight from the system; what is ours is the
-// order between them and the failures.
-TEST(DiskSpaceAndDevices, FiguresAreConsistentAndMissingPathsFail) {
-  uint64_t total = 0, avail = 0, free = 0;
-  ASSERT_TRUE(utils::GetDiskSpaceInfo("/", &total, &avail, &free));
-  EXPECT_GT(total, 0u);
-  EXPECT_LE(avail, free);
-  EXPECT_LE(free, total);
-  EXPECT_TRUE(utils::GetDiskSpaceInfo("/", nullptr, nullptr, nullptr));
-  EXPECT_FALSE(utils::GetDiskSpaceInfo("/corvane/no/such/path", &total, &avail, &free));
-  unsigned int major = 0, minor = 0;
-  ASSERT_TRUE(utils::GetDevNumbers("/dev/null", &major, &minor));
-  EXPECT_EQ(major * 1000 + minor, 1003u);
-  EXPECT_FALSE(utils::GetDevNumbers("/corvane/no/such/path", &major, &minor));
 }
 
 }  // namespace

