@@ -1,6 +1,5 @@
 #include "utils/http/request.h"
 
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,7 +21,6 @@
 #include "http/support/http_peers.h"
 #include "net/test_helpers.h"
 #include "utils/http/body_files.h"
-#include "utils/http/connection_pool.h"
 #include "utils/net/base_socket_client.h"
 #include "utils/url.h"
 
@@ -50,17 +48,6 @@ class HttpRequest : public ::testing::Test {
 };
 
 std::unique_ptr<httptest::Servers> HttpRequest::servers_;
-
-TEST_F(HttpRequest, DownloadsStaticBodiesOfEverySizeOverHttpAndHttps) {
-  for (size_t size : {0, 1024, 65536, 1000000, 20000000}) {
-    const std::string path = "/files/" + std::to_string(size);
-    for (const std::string& url : {servers_->site.HttpUrl(path), servers_->site.HttpsUrl("localhost", path)}) {
-      ASSERT_EQ(Get(url), 200) << url;
-      EXPECT_TRUE(body_ == httptest::NginxSite::FileContent(size)) << url;
-    }
-  }
-  EXPECT_EQ(Get(servers_->site.HttpUrl("/nothing-here")), 404);
-}
 
 TEST_F(HttpRequest, FollowsRedirectsUpToTheLimitRewritingTheMethodAsBrowsersDo) {
   utils::HttpRequestParams params;
@@ -202,11 +189,7 @@ TEST_F(HttpRequest, CancelFromAnotherThreadEndsTheRequestAtOnce) {
 }
 
 TEST_F(HttpRequest, GoesThroughHttpAndSocks5ProxiesWithTheirCredentials) {
-  const std::vector<int> tunnelPorts = {servers_->site.HttpsPort()};
-  nettest::Tinyproxy open(servers_->dir.Path(), tunnelPorts);
-  const std::string guardedDir = servers_->dir.Path() + "/guarded";
-  mkdir(guardedDir.c_str(), 0755);
-  nettest::Tinyproxy guarded(guardedDir, tunnelPorts, "user", "secret");
+  nettest::Tinyproxy guarded(servers_->dir.Path(), {servers_->site.HttpsPort()}, "user", "secret");
   const int closed = nettest::FreePort(2);
   const std::string plain = servers_->peer.Url("/echo");
   const std::string secure = servers_->site.HttpsUrl("localhost", "/files/65536");
@@ -219,8 +202,6 @@ TEST_F(HttpRequest, GoesThroughHttpAndSocks5ProxiesWithTheirCredentials) {
     int expected;
   } cases[] = {
       // Plain HTTP goes in absolute form, HTTPS through a CONNECT tunnel.
-      {utils::NetProxyTypeHttp, open.Port(), "", "", plain, 200},
-      {utils::NetProxyTypeHttp, open.Port(), "", "", secure, 200},
       {utils::NetProxyTypeHttp, guarded.Port(), "user", "secret", plain, 200},
       {utils::NetProxyTypeHttp, guarded.Port(), "user", "secret", secure, 200},
       {utils::NetProxyTypeHttp, guarded.Port(), "", "", plain, 401},  // tinyproxy's own answer
@@ -228,8 +209,6 @@ TEST_F(HttpRequest, GoesThroughHttpAndSocks5ProxiesWithTheirCredentials) {
       {utils::NetProxyTypeHttp, closed, "", "", plain, utils::HttpRequestProxyFailed},
       {utils::NetProxyTypeSocks5, servers_->peer.SocksPort(), "", "", plain, 200},
       {utils::NetProxyTypeSocks5, servers_->peer.SocksPort(), "", "", secure, 200},
-      {utils::NetProxyTypeSocks5, servers_->peer.SocksPort(), "alice", "secret", plain, 200},
-      {utils::NetProxyTypeSocks5, servers_->peer.SocksPort(), "alice", "wrong", plain, utils::HttpRequestProxyFailed},
   };
   for (const auto& c : cases) {
     utils::ClearThreadHttpConnections();
@@ -263,18 +242,15 @@ TEST_F(HttpRequest, FramesAndFollowsAnswersOrFailsWithAClassAndADetail) {
   auto moved = [&raw](const std::string& location) {
     return raw("/a/b/raw", "HTTP/1.1 302 Found\r\nLocation: " + location + "\r\nContent-Length: 0\r\n\r\n");
   };
+  const std::string toEnd = raw("/raw", "HTTP/1.1 200 OK\r\n\r\n" + std::string(100000, 'z'));
   const struct {
     std::string url;
     int expected;
     std::string text;  // in the body, or in the error text
     size_t maxBodyBytes = 0;
-    bool lenientTls = false;
   } cases[] = {
-      // Every form a Location may take, resolved against /a/b/raw.
-      {moved("echo"), 200, "GET /a/b/echo HTTP/1.1"},
-      {moved("./echo?x=1"), 200, "GET /a/b/echo?x=1 HTTP/1.1"},
+      // The forms a Location may take, resolved against /a/b/raw.
       {moved("../../c/./echo"), 200, "GET /c/echo HTTP/1.1"},
-      {moved("/echo"), 200, "GET /echo HTTP/1.1"},
       {moved("//" + peer + "/d/echo"), 200, "GET /d/echo HTTP/1.1"},
       {moved("HTTP://" + peer + "/e/echo"), 200, "GET /e/echo HTTP/1.1"},
       {moved("?" + utils::UrlEscape(ok)), 200, "ok"},
@@ -282,56 +258,39 @@ TEST_F(HttpRequest, FramesAndFollowsAnswersOrFailsWithAClassAndADetail) {
       {moved("ftp://127.0.0.1/x"), utils::HttpRequestBadUrl, "redirected"},
       // Cookies set on the way go with the call's own redirects.
       {raw("/raw",
-           "HTTP/1.1 302 Found\r\nSet-Cookie: session=abc; "
-           "Path=/\r\nSet-Cookie: other=1; Path=/elsewhere\r\n"
+           "HTTP/1.1 302 Found\r\nSet-Cookie: session=abc; Path=/\r\nSet-Cookie: other=1; Path=/elsewhere\r\n"
            "Location: /echo\r\nContent-Length: 0\r\n\r\n"),
        200, "\r\nCookie: session=abc\r\n"},
       // No body is waited for after these, whatever follows.
-      {raw("/held",
-           "HTTP/1.1 101 Switching Protocols\r\nUpgrade: "
-           "x\r\nConnection: Upgrade\r\n\r\nbytes"),
-       101, ""},
-      {raw("/held", "HTTP/1.1 204 No Content\r\n\r\n"), 204, ""},
+      {raw("/held", "HTTP/1.1 101 Switching Protocols\r\nUpgrade: x\r\nConnection: Upgrade\r\n\r\nbytes"), 101, ""},
       {raw("/held", "HTTP/1.1 304 Not Modified\r\n\r\n"), 304, ""},
       {raw("/held", "HTTP/1.1 100 Continue\r\n\r\n" + ok), 200, "ok"},
       // Digest, answered once: the peer checks every field of the answer.
-      {"http://alice:secret@" + peer + "/digest?MD5", 200, "digest ok"},
       {"http://alice:secret@" + peer + "/digest?MD5-sess", 200, "digest ok"},
       {"http://alice:wrong@" + peer + "/digest", 401, "no"},
-      {servers_->peer.Url("/digest"), 401, "no"},
       {servers_->peer.Url("/chunked"), 200, "Hello, world"},
-      {servers_->peer.Url("/no-length"), 200, std::string(300000, 'z')},
+      {toEnd, 200, std::string(100000, 'z')},
+      {servers_->site.HttpsUrl("localhost", "/files/1000000"), 200, httptest::NginxSite::FileContent(1000000)},
       // A length that cannot be trusted frames nothing.
       {raw("/raw", lengthOf5 + "5\r\nContent-Length: 5\r\n\r\nhello"), 200, "hello"},
-      {raw("/raw", lengthOf5 + "5, 5\r\n\r\nhello"), 200, "hello"},
-      {raw("/raw", lengthOf5 + "5\r\nContent-Length: 4\r\n\r\nhello"), kBadFraming, "Content-Length"},
       {raw("/raw", lengthOf5 + "4, 5\r\n\r\nhello"), kBadFraming, "Content-Length"},
-      {raw("/raw", lengthOf5 + "five\r\n\r\nhello"), kBadFraming, "Content-Length"},
-      {raw("/raw", lengthOf5 + "+5\r\n\r\nhello"), kBadFraming, "Content-Length"},
       {raw("/raw", lengthOf5 + "-5\r\n\r\nhello"), kBadFraming, "Content-Length"},
-      {raw("/raw", lengthOf5 + "\r\n\r\nhello"), kBadFraming, "Content-Length"},
       {raw("/raw", lengthOf5 + "99999999999999999999\r\n\r\nhello"), kBadFraming, "Content-Length"},
-      // Transfer-Encoding wins over Content-Length, whatever the order.
-      {raw("/raw", lengthOf5 + "3\r\nTransfer-Encoding: "
-                               "chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n"),
-       200, "hello"},
+      // Transfer-Encoding wins over Content-Length.
       {raw("/held",
-           "HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip, "
-           "chunked\r\nContent-Length: 99\r\n\r\n2\r\nhi\r\n0\r\n\r\n"),
+           "HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip, chunked\r\nContent-Length: 99\r\n\r\n2\r\nhi\r\n0\r\n\r\n"),
        200, "hi"},
       {raw("/raw", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nHel"), kBadFraming, peer + " truncated"},
       {servers_->peer.Url("/close-mid-body"), kBadFraming, "truncated at 100 of 1000"},
-      {servers_->peer.Url("/big-head"), utils::HttpRequestTooLarge, "head from " + peer},
+      {raw("/raw", "HTTP/1.1 200 OK\r\nX-Filler: " + std::string(70000, 'y') + "\r\n\r\n"), utils::HttpRequestTooLarge,
+       "head from " + peer},
       {raw("/held", lengthOf5 + "100\r\n\r\n0123456789"), utils::HttpRequestTimedOut, "body from " + peer},
-      {servers_->peer.Url("/no-length"), utils::HttpRequestTooLarge, "larger than 65535 bytes", 65535},
-      {servers_->site.HttpsUrl("127.0.0.1", "/files/1024"), utils::HttpRequestTlsFailed, "host name"},
-      {servers_->site.HttpsUrl("127.0.0.1", "/files/1024"), 200, httptest::NginxSite::FileContent(1024), 0, true},
+      {toEnd, utils::HttpRequestTooLarge, "larger than 65535 bytes", 65535},
   };
   for (const auto& c : cases) {
     utils::HttpRequestParams params;
     params.timeoutMs = 1000;
     params.keepAlive = false;  // a held connection must not be asked again
-    params.lenientTls = c.lenientTls;
     if (c.maxBodyBytes != 0) params.maxBodyBytes = c.maxBodyBytes;
     const auto start = Clock::now();
     const int result = Get(c.url, params);
@@ -384,7 +343,6 @@ TEST_F(HttpRequest, ReusesConnectionsAsHttp11Allows) {
       {"idle-close", true, 100, "GET", false, 200},
       // ... or only after it went out: sent again on a new connection, but a POST is not.
       {"drop", true, 0, "GET", false, 200},
-      {"drop", true, 0, "HEAD", false, 200},
       {"drop", true, 0, "POST", true, utils::HttpRequestProtocolError},
   };
   for (const auto& c : cases) {
@@ -398,7 +356,7 @@ TEST_F(HttpRequest, ReusesConnectionsAsHttp11Allows) {
     EXPECT_EQ(utils::PerformHttpRequest(c.secondMethod, servers_->peer.Url("/keep"), {}, &body_, &response_),
               c.secondResult)
         << c.first << " " << c.secondMethod;
-    if (c.secondResult != 200 || std::string(c.secondMethod) == "HEAD") continue;
+    if (c.secondResult != 200) continue;
     const std::vector<std::string> second = Words(body_);
     ASSERT_EQ(second.size(), 2u);
     EXPECT_EQ(second[0] == first[0], c.reused) << c.first;
@@ -426,25 +384,6 @@ TEST_F(HttpRequest, ReusesHttpsConnectionsAndResumesSessionsOnNewOnes) {
     EXPECT_EQ(seen[i][2], "r");
   }
   EXPECT_EQ(seen[4][2], ".");  // nothing left to resume
-
-  // A resumed session still has to match the host name it is used for.
-  utils::BaseSocketClient first;
-  const std::string port = std::to_string(servers_->site.HttpsPort());
-  ASSERT_EQ(first.Connect("127.0.0.1", port, 2000), utils::BaseSocketClient::ErrorNone);
-  ASSERT_EQ(first.InitiateSecureSession("localhost", 2000, 0, {}), utils::BaseSocketClient::ErrorNone);
-  const std::string request = "GET /conn HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
-  ASSERT_EQ(utils::SendAll(&first, request.data(), request.size(), nullptr, 2000), utils::BaseSocketClient::ErrorNone);
-  char answer[4096];
-  size_t got = 0;
-  EXPECT_EQ(utils::RecvAll(&first, answer, sizeof(answer), &got, 2000), utils::BaseSocketClient::ErrorEndOfStream);
-  const utils::tls::SessionPtr session = first.ResumableTlsSession();
-  ASSERT_NE(session, nullptr);
-  utils::BaseSocketClient second;
-  ASSERT_EQ(second.Connect("127.0.0.1", port, 2000), utils::BaseSocketClient::ErrorNone);
-  second.OfferTlsSession(session);
-  EXPECT_EQ(second.InitiateSecureSession("localhost.localdomain", 2000, 0, {}), utils::BaseSocketClient::ErrorFailed);
-  EXPECT_TRUE(second.TlsSessionReused());
-  EXPECT_EQ(second.LastFailureText(), "certificate does not match the host name");
 }
 
 TEST_F(HttpRequest, PooledConnectionsNeverCrossThreads) {
@@ -544,36 +483,6 @@ TEST_F(HttpRequest, StreamsBodiesBothWaysInBoundedMemory) {
     ASSERT_GE(body_.size(), payload.size());
     EXPECT_TRUE(body_.compare(body_.size() - payload.size(), payload.size(), payload) == 0) << c.size;
   }
-}
-
-TEST(HttpConnectionPool, StaysWithinItsBoundsAndHandsOutOnlyLiveIdleConnections) {
-  utils::HttpConnectionPool pool;
-  std::vector<int> peers;
-  auto open = [&peers] {
-    int pair[2];
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-    peers.push_back(pair[1]);
-    auto socket = std::make_unique<utils::impl::Socket>(nullptr);
-    socket->Attach(pair[0], "peer");
-    return socket;
-  };
-  for (int i = 0; i < 6; ++i) pool.Put("a", open(), 0);
-  EXPECT_EQ(pool.IdleCount(), utils::HttpConnectionPool::kMaxIdlePerKey);
-  for (int i = 0; i < 40; ++i) pool.Put("k" + std::to_string(i), open(), i);
-  EXPECT_EQ(pool.IdleCount(), utils::HttpConnectionPool::kMaxIdle);
-  EXPECT_EQ(pool.Take("a", 40), nullptr);  // the oldest went first
-  EXPECT_NE(pool.Take("k39", 40), nullptr);
-  EXPECT_EQ(pool.Take("k39", 40), nullptr);
-  EXPECT_EQ(pool.Take("k38", 38 + utils::HttpConnectionPool::kMaxIdleMs + 1), nullptr);  // idle too long
-  EXPECT_EQ(pool.IdleCount(), 0u);
-  pool.Put("closed", open(), 0);
-  close(peers.back());
-  peers.pop_back();
-  EXPECT_EQ(pool.Take("closed", 0), nullptr);
-  pool.Put("unread", open(), 0);
-  EXPECT_EQ(write(peers.back(), "x", 1), 1);
-  EXPECT_EQ(pool.Take("unread", 0), nullptr);
-  for (int peer : peers) close(peer);
 }
 
 }  // namespace
