@@ -1,6 +1,5 @@
 #include "utils/http/request.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,7 +19,7 @@
 
 #include "http/support/http_peers.h"
 #include "net/test_helpers.h"
-#include "utils/http/body_files.h"
+#include "utils/http/framing.h"
 #include "utils/net/base_socket_client.h"
 #include "utils/url.h"
 
@@ -37,10 +36,6 @@ class HttpRequest : public ::testing::Test {
   int Get(const std::string& url, const utils::HttpRequestParams& params = {}) {
     return utils::PerformHttpRequest("GET", url, params, &body_, &response_);
   }
-  std::string Header(const std::string& name) {
-    std::string value;
-    return response_.Headers.Value(name, &value, true, nullptr) ? value : "<absent>";
-  }
 
   static std::unique_ptr<httptest::Servers> servers_;
   std::string body_;
@@ -49,9 +44,13 @@ class HttpRequest : public ::testing::Test {
 
 std::unique_ptr<httptest::Servers> HttpRequest::servers_;
 
+// Each hop carries what the parameters ask; the caller's framing headers never go out.
 TEST_F(HttpRequest, FollowsRedirectsUpToTheLimitRewritingTheMethodAsBrowsersDo) {
   utils::HttpRequestParams params;
-  params.body = "payload";
+  params.body = std::string(100000, 'b');  // above the size sent together with the head
+  params.userAgent = "probe/2";
+  params.keepAlive = false;
+  params.headers.AddValue("Content-Length", "999");
   const struct {
     const char* code;
     const char* method;
@@ -66,7 +65,13 @@ TEST_F(HttpRequest, FollowsRedirectsUpToTheLimitRewritingTheMethodAsBrowsersDo) 
     const std::string url = servers_->peer.Url(std::string("/redirect?") + c.code + "&/echo");
     ASSERT_EQ(utils::PerformHttpRequest(c.method, url, params, &body_, &response_), 200) << c.code;
     EXPECT_EQ(body_.compare(0, strlen(c.expectedLine), c.expectedLine), 0) << c.code << ": " << body_;
-    EXPECT_EQ(body_.find("payload") != std::string::npos, c.bodyKept) << c.code;
+    for (const std::string& line : {"Host: 127.0.0.1:" + std::to_string(servers_->peer.Port()),
+                                    std::string("User-Agent: probe/2"), std::string("Connection: close")}) {
+      EXPECT_NE(body_.find("\r\n" + line + "\r\n"), std::string::npos) << c.code << " " << line;
+    }
+    EXPECT_EQ(body_.find("999"), std::string::npos) << c.code;
+    EXPECT_EQ(body_.find("Content-Length: 100000\r\n") != std::string::npos, c.bodyKept) << c.code;
+    EXPECT_EQ(body_.find(params.body) != std::string::npos, c.bodyKept) << c.code;
   }
   auto chain = [this](int hops) {
     std::string path = "/echo";
@@ -76,7 +81,7 @@ TEST_F(HttpRequest, FollowsRedirectsUpToTheLimitRewritingTheMethodAsBrowsersDo) 
   EXPECT_EQ(Get(chain(4)), 200);
   EXPECT_EQ(body_.compare(0, 9, "GET /echo"), 0) << body_;
   EXPECT_EQ(Get(chain(5)), 302);  // the fifth redirect is over the default limit
-  EXPECT_EQ(Header("Location"), "/echo");
+  EXPECT_TRUE(response_.Headers.Value("Location", &body_, true, nullptr) && body_ == "/echo");
   params.maxRedirects = 0;
   EXPECT_EQ(Get(chain(1), params), 302);
 }
@@ -123,25 +128,6 @@ TEST_F(HttpRequest, CredentialsStayWithTheirOriginAcrossRedirects) {
     EXPECT_EQ(body_.find("Cookie: c=1") != std::string::npos, fromCaller) << c.url;
     EXPECT_EQ(body_.find("Proxy-Authorization"), std::string::npos) << c.url;
   }
-}
-
-TEST_F(HttpRequest, SendsWhatTheParametersAsk) {
-  utils::HttpRequestParams params;
-  params.userAgent = "probe/2";
-  params.headers.AddValue("Content-Length", "999");
-  params.body = std::string(100000, 'b');  // above the size sent together with the head
-  ASSERT_EQ(utils::PerformHttpRequest("POST", servers_->peer.Url("/echo?q=1"), params, &body_, &response_), 200);
-  EXPECT_EQ(body_.compare(0, 25, "POST /echo?q=1 HTTP/1.1\r\n"), 0) << body_;
-  for (const std::string& line : {"Host: 127.0.0.1:" + std::to_string(servers_->peer.Port()),
-                                  std::string("User-Agent: probe/2"), std::string("Content-Length: 100000")}) {
-    EXPECT_NE(body_.find(line + "\r\n"), std::string::npos) << line;
-  }
-  EXPECT_EQ(body_.find("999"), std::string::npos);
-  EXPECT_EQ(body_.find("Connection:"), std::string::npos);
-  params.keepAlive = false;
-  ASSERT_EQ(utils::PerformHttpRequest("POST", servers_->peer.Url("/echo"), params, &body_, &response_), 200);
-  EXPECT_NE(body_.find("\r\nConnection: close\r\n"), std::string::npos);
-  EXPECT_EQ(body_.substr(body_.size() - 100000), params.body);
 }
 
 TEST_F(HttpRequest, RefusesLineBreaksAndNulInEveryHeadValue) {
@@ -196,41 +182,36 @@ TEST_F(HttpRequest, GoesThroughHttpAndSocks5ProxiesWithTheirCredentials) {
   const struct {
     utils::NetProxyType type;
     int port;
-    const char* login;
-    const char* password;
+    const char* password;  // for the login "user", or none
     const std::string& url;
     int expected;
   } cases[] = {
       // Plain HTTP goes in absolute form, HTTPS through a CONNECT tunnel.
-      {utils::NetProxyTypeHttp, guarded.Port(), "user", "secret", plain, 200},
-      {utils::NetProxyTypeHttp, guarded.Port(), "user", "secret", secure, 200},
-      {utils::NetProxyTypeHttp, guarded.Port(), "", "", plain, 401},  // tinyproxy's own answer
-      {utils::NetProxyTypeHttp, guarded.Port(), "user", "guess", secure, utils::HttpRequestProxyFailed},
-      {utils::NetProxyTypeHttp, closed, "", "", plain, utils::HttpRequestProxyFailed},
-      {utils::NetProxyTypeSocks5, servers_->peer.SocksPort(), "", "", plain, 200},
-      {utils::NetProxyTypeSocks5, servers_->peer.SocksPort(), "", "", secure, 200},
+      {utils::NetProxyTypeHttp, guarded.Port(), "secret", plain, 200},
+      {utils::NetProxyTypeHttp, guarded.Port(), "secret", secure, 200},
+      {utils::NetProxyTypeHttp, guarded.Port(), "", plain, 401},  // tinyproxy's own answer
+      {utils::NetProxyTypeHttp, guarded.Port(), "guess", secure, utils::HttpRequestProxyFailed},
+      {utils::NetProxyTypeHttp, closed, "", plain, utils::HttpRequestProxyFailed},
+      {utils::NetProxyTypeSocks5, servers_->peer.SocksPort(), "", plain, 200},
+      {utils::NetProxyTypeSocks5, servers_->peer.SocksPort(), "", secure, 200},
   };
   for (const auto& c : cases) {
     utils::ClearThreadHttpConnections();
     utils::HttpRequestParams params;
-    params.proxy = {"127.0.0.1", static_cast<unsigned short>(c.port), c.login, c.password, c.type};
+    params.proxy = {"127.0.0.1", static_cast<unsigned short>(c.port), *c.password ? "user" : "", c.password, c.type};
     params.headers.AddValue("Proxy-Authorization", "Basic Y2FsbGVyOnB3");
-    const std::string where = std::to_string(c.port) + " " + c.login + ":" + c.password + " " + c.url;
+    const std::string where = std::to_string(c.port) + " " + c.password + " " + c.url;
     ASSERT_EQ(Get(c.url, params), c.expected) << where << ": " << response_.ErrorText();
     if (c.expected != 200) continue;
-    if (&c.url == &secure) {
-      EXPECT_EQ(body_, httptest::NginxSite::FileContent(65536)) << where;
-    } else {
-      EXPECT_EQ(body_.compare(0, 20, "GET /echo HTTP/1.1\r\n"), 0) << where << body_;
-      // Whatever is meant for a proxy never reaches the server through a tunnel.
-      EXPECT_TRUE(c.type != utils::NetProxyTypeSocks5 || body_.find("Proxy-Authorization") == std::string::npos);
-    }
+    const bool secured = &c.url == &secure;
+    EXPECT_TRUE(secured ? body_ == httptest::NginxSite::FileContent(65536) : body_.find("GET /echo HTTP/1.1") == 0);
+    // Whatever is meant for a proxy never reaches the server through a tunnel.
+    EXPECT_TRUE(c.type != utils::NetProxyTypeSocks5 || body_.find("Proxy-Authorization") == std::string::npos);
   }
 }
 
-// Each answer as it comes, most written out byte for byte by the peer's /raw
-// (which closes after them) and /held (which keeps the connection open): what
-// it frames and follows, or the failure class with a detail naming the peer.
+// Answers written byte for byte by the peer's /raw (then closed) and /held
+// (kept open): what is framed and followed, or the failure and its detail.
 TEST_F(HttpRequest, FramesAndFollowsAnswersOrFailsWithAClassAndADetail) {
   const std::string peer = "127.0.0.1:" + std::to_string(servers_->peer.Port());
   const std::string ok = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
@@ -315,8 +296,7 @@ TEST_F(HttpRequest, FramesAndFollowsAnswersOrFailsWithAClassAndADetail) {
   setenv("CORVANE_OPENSSL_CA_FILE", trusted.c_str(), 1);
 }
 
-// "<connection> <request on it>" from the peer's /keep, "<connection>
-// <request> <r or .>" from nginx's /conn.
+// The numbers the peer's /keep and nginx's /conn answer with.
 std::vector<std::string> Words(const std::string& text) {
   std::istringstream in(text);
   std::vector<std::string> words;
@@ -334,7 +314,6 @@ TEST_F(HttpRequest, ReusesConnectionsAsHttp11Allows) {
     int secondResult;
   } cases[] = {
       {"", true, 0, "GET", true, 200},
-      {"chunked", true, 0, "GET", true, 200},
       {"1.0ka", true, 0, "GET", true, 200},
       {"", false, 0, "GET", false, 200},
       {"close", true, 0, "GET", false, 200},
@@ -350,19 +329,16 @@ TEST_F(HttpRequest, ReusesConnectionsAsHttp11Allows) {
     utils::HttpRequestParams params;
     params.keepAlive = c.keepAlive;
     ASSERT_EQ(Get(servers_->peer.Url(std::string("/keep?") + c.first), params), 200) << c.first;
-    const std::vector<std::string> first = Words(body_);
-    ASSERT_EQ(first.size(), 2u);
+    const std::string first = Words(body_).at(0);
     std::this_thread::sleep_for(std::chrono::milliseconds(c.pauseMs));
     EXPECT_EQ(utils::PerformHttpRequest(c.secondMethod, servers_->peer.Url("/keep"), {}, &body_, &response_),
               c.secondResult)
         << c.first << " " << c.secondMethod;
     if (c.secondResult != 200) continue;
     const std::vector<std::string> second = Words(body_);
-    ASSERT_EQ(second.size(), 2u);
-    EXPECT_EQ(second[0] == first[0], c.reused) << c.first;
-    EXPECT_EQ(second[1], c.reused ? "2" : "1") << c.first;
+    EXPECT_EQ(second.at(0) == first, c.reused) << c.first;
+    EXPECT_EQ(second.at(1), c.reused ? "2" : "1") << c.first;
   }
-  utils::ClearThreadHttpConnections();
 }
 
 TEST_F(HttpRequest, ReusesHttpsConnectionsAndResumesSessionsOnNewOnes) {
@@ -421,10 +397,6 @@ TEST_F(HttpRequest, StreamsBodiesBothWaysInBoundedMemory) {
   const std::string source = servers_->dir.Path() + "/www/files/big";
   nettest::WriteFile(source, "");
   std::filesystem::resize_file(source, uint64_t{1} << 30);
-  const std::string target = servers_->dir.Path() + "/download";
-  utils::HttpFileSink file(target);
-  ASSERT_TRUE(file.IsOpen());
-  const utils::HttpBodySink write = file.Sink();
   const long startKb = ResidentKb();
   long peakKb = startKb;
   uint64_t total = 0;
@@ -432,18 +404,15 @@ TEST_F(HttpRequest, StreamsBodiesBothWaysInBoundedMemory) {
   params.maxBodyBytes = SIZE_MAX;
   const int code = utils::PerformHttpRequest(
       "GET", servers_->site.HttpUrl("/files/big"), params, nullptr,
-      [&](const char* data, size_t size) {
+      [&](const char*, size_t size) {
         if ((total >> 24) != ((total + size) >> 24)) peakKb = std::max(peakKb, ResidentKb());
         total += size;
-        return write(data, size);
+        return true;
       },
       nullptr, &response_);
   ASSERT_EQ(code, 200) << response_.ErrorText();
-  ASSERT_TRUE(file.Commit()) << file.Error();
   EXPECT_EQ(total, uint64_t{1} << 30);
   EXPECT_LT(peakKb - startKb, 32 * 1024);
-  EXPECT_EQ(std::filesystem::file_size(target), uint64_t{1} << 30);
-  std::filesystem::remove(target);
   std::filesystem::remove(source);
   const utils::HttpBodySink refuse = [](const char*, size_t) { return false; };
   EXPECT_EQ(utils::PerformHttpRequest("GET", servers_->site.HttpUrl("/files/65536"), {}, nullptr, refuse, nullptr,
@@ -480,8 +449,8 @@ TEST_F(HttpRequest, StreamsBodiesBothWaysInBoundedMemory) {
         << c.path << " " << response_.ErrorText();
     if (c.framing == nullptr) continue;
     EXPECT_NE(body_.find(c.framing), std::string::npos) << body_.substr(0, 300);
-    ASSERT_GE(body_.size(), payload.size());
-    EXPECT_TRUE(body_.compare(body_.size() - payload.size(), payload.size(), payload) == 0) << c.size;
+    const std::string sent = body_.substr(body_.find("\r\n\r\n") + 4);
+    EXPECT_TRUE((c.size < 0 ? utils::ParseChunkedEncodedString(sent) : sent) == payload) << c.size;
   }
 }
 
