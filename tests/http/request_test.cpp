@@ -1,7 +1,5 @@
 #include "utils/http/request.h"
 
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,8 +19,7 @@
 
 #include "http/support/http_peers.h"
 #include "net/test_helpers.h"
-#include "utils/http/body_files.h"
-#include "utils/http/connection_pool.h"
+#include "utils/http/framing.h"
 #include "utils/net/base_socket_client.h"
 #include "utils/url.h"
 
@@ -39,10 +36,6 @@ class HttpRequest : public ::testing::Test {
   int Get(const std::string& url, const utils::HttpRequestParams& params = {}) {
     return utils::PerformHttpRequest("GET", url, params, &body_, &response_);
   }
-  std::string Header(const std::string& name) {
-    std::string value;
-    return response_.Headers.Value(name, &value, true, nullptr) ? value : "<absent>";
-  }
 
   static std::unique_ptr<httptest::Servers> servers_;
   std::string body_;
@@ -51,20 +44,13 @@ class HttpRequest : public ::testing::Test {
 
 std::unique_ptr<httptest::Servers> HttpRequest::servers_;
 
-TEST_F(HttpRequest, DownloadsStaticBodiesOfEverySizeOverHttpAndHttps) {
-  for (size_t size : {0, 1024, 65536, 1000000, 20000000}) {
-    const std::string path = "/files/" + std::to_string(size);
-    for (const std::string& url : {servers_->site.HttpUrl(path), servers_->site.HttpsUrl("localhost", path)}) {
-      ASSERT_EQ(Get(url), 200) << url;
-      EXPECT_TRUE(body_ == httptest::NginxSite::FileContent(size)) << url;
-    }
-  }
-  EXPECT_EQ(Get(servers_->site.HttpUrl("/nothing-here")), 404);
-}
-
+// Each hop carries what the parameters ask; the caller's framing headers never go out.
 TEST_F(HttpRequest, FollowsRedirectsUpToTheLimitRewritingTheMethodAsBrowsersDo) {
   utils::HttpRequestParams params;
-  params.body = "payload";
+  params.body = std::string(100000, 'b');  // above the size sent together with the head
+  params.userAgent = "probe/2";
+  params.keepAlive = false;
+  params.headers.AddValue("Content-Length", "999");
   const struct {
     const char* code;
     const char* method;
@@ -79,7 +65,13 @@ TEST_F(HttpRequest, FollowsRedirectsUpToTheLimitRewritingTheMethodAsBrowsersDo) 
     const std::string url = servers_->peer.Url(std::string("/redirect?") + c.code + "&/echo");
     ASSERT_EQ(utils::PerformHttpRequest(c.method, url, params, &body_, &response_), 200) << c.code;
     EXPECT_EQ(body_.compare(0, strlen(c.expectedLine), c.expectedLine), 0) << c.code << ": " << body_;
-    EXPECT_EQ(body_.find("payload") != std::string::npos, c.bodyKept) << c.code;
+    for (const std::string& line : {"Host: 127.0.0.1:" + std::to_string(servers_->peer.Port()),
+                                    std::string("User-Agent: probe/2"), std::string("Connection: close")}) {
+      EXPECT_NE(body_.find("\r\n" + line + "\r\n"), std::string::npos) << c.code << " " << line;
+    }
+    EXPECT_EQ(body_.find("999"), std::string::npos) << c.code;
+    EXPECT_EQ(body_.find("Content-Length: 100000\r\n") != std::string::npos, c.bodyKept) << c.code;
+    EXPECT_EQ(body_.find(params.body) != std::string::npos, c.bodyKept) << c.code;
   }
   auto chain = [this](int hops) {
     std::string path = "/echo";
@@ -89,7 +81,7 @@ TEST_F(HttpRequest, FollowsRedirectsUpToTheLimitRewritingTheMethodAsBrowsersDo) 
   EXPECT_EQ(Get(chain(4)), 200);
   EXPECT_EQ(body_.compare(0, 9, "GET /echo"), 0) << body_;
   EXPECT_EQ(Get(chain(5)), 302);  // the fifth redirect is over the default limit
-  EXPECT_EQ(Header("Location"), "/echo");
+  EXPECT_TRUE(response_.Headers.Value("Location", &body_, true, nullptr) && body_ == "/echo");
   params.maxRedirects = 0;
   EXPECT_EQ(Get(chain(1), params), 302);
 }
@@ -138,25 +130,6 @@ TEST_F(HttpRequest, CredentialsStayWithTheirOriginAcrossRedirects) {
   }
 }
 
-TEST_F(HttpRequest, SendsWhatTheParametersAsk) {
-  utils::HttpRequestParams params;
-  params.userAgent = "probe/2";
-  params.headers.AddValue("Content-Length", "999");
-  params.body = std::string(100000, 'b');  // above the size sent together with the head
-  ASSERT_EQ(utils::PerformHttpRequest("POST", servers_->peer.Url("/echo?q=1"), params, &body_, &response_), 200);
-  EXPECT_EQ(body_.compare(0, 25, "POST /echo?q=1 HTTP/1.1\r\n"), 0) << body_;
-  for (const std::string& line : {"Host: 127.0.0.1:" + std::to_string(servers_->peer.Port()),
-                                  std::string("User-Agent: probe/2"), std::string("Content-Length: 100000")}) {
-    EXPECT_NE(body_.find(line + "\r\n"), std::string::npos) << line;
-  }
-  EXPECT_EQ(body_.find("999"), std::string::npos);
-  EXPECT_EQ(body_.find("Connection:"), std::string::npos);
-  params.keepAlive = false;
-  ASSERT_EQ(utils::PerformHttpRequest("POST", servers_->peer.Url("/echo"), params, &body_, &response_), 200);
-  EXPECT_NE(body_.find("\r\nConnection: close\r\n"), std::string::npos);
-  EXPECT_EQ(body_.substr(body_.size() - 100000), params.body);
-}
-
 TEST_F(HttpRequest, RefusesLineBreaksAndNulInEveryHeadValue) {
   const std::string peer = "127.0.0.1:" + std::to_string(servers_->peer.Port());
   const struct {
@@ -202,56 +175,43 @@ TEST_F(HttpRequest, CancelFromAnotherThreadEndsTheRequestAtOnce) {
 }
 
 TEST_F(HttpRequest, GoesThroughHttpAndSocks5ProxiesWithTheirCredentials) {
-  const std::vector<int> tunnelPorts = {servers_->site.HttpsPort()};
-  nettest::Tinyproxy open(servers_->dir.Path(), tunnelPorts);
-  const std::string guardedDir = servers_->dir.Path() + "/guarded";
-  mkdir(guardedDir.c_str(), 0755);
-  nettest::Tinyproxy guarded(guardedDir, tunnelPorts, "user", "secret");
+  nettest::Tinyproxy guarded(servers_->dir.Path(), {servers_->site.HttpsPort()}, "user", "secret");
   const int closed = nettest::FreePort(2);
   const std::string plain = servers_->peer.Url("/echo");
   const std::string secure = servers_->site.HttpsUrl("localhost", "/files/65536");
   const struct {
     utils::NetProxyType type;
     int port;
-    const char* login;
-    const char* password;
+    const char* password;  // for the login "user", or none
     const std::string& url;
     int expected;
   } cases[] = {
       // Plain HTTP goes in absolute form, HTTPS through a CONNECT tunnel.
-      {utils::NetProxyTypeHttp, open.Port(), "", "", plain, 200},
-      {utils::NetProxyTypeHttp, open.Port(), "", "", secure, 200},
-      {utils::NetProxyTypeHttp, guarded.Port(), "user", "secret", plain, 200},
-      {utils::NetProxyTypeHttp, guarded.Port(), "user", "secret", secure, 200},
-      {utils::NetProxyTypeHttp, guarded.Port(), "", "", plain, 401},  // tinyproxy's own answer
-      {utils::NetProxyTypeHttp, guarded.Port(), "user", "guess", secure, utils::HttpRequestProxyFailed},
-      {utils::NetProxyTypeHttp, closed, "", "", plain, utils::HttpRequestProxyFailed},
-      {utils::NetProxyTypeSocks5, servers_->peer.SocksPort(), "", "", plain, 200},
-      {utils::NetProxyTypeSocks5, servers_->peer.SocksPort(), "", "", secure, 200},
-      {utils::NetProxyTypeSocks5, servers_->peer.SocksPort(), "alice", "secret", plain, 200},
-      {utils::NetProxyTypeSocks5, servers_->peer.SocksPort(), "alice", "wrong", plain, utils::HttpRequestProxyFailed},
+      {utils::NetProxyTypeHttp, guarded.Port(), "secret", plain, 200},
+      {utils::NetProxyTypeHttp, guarded.Port(), "secret", secure, 200},
+      {utils::NetProxyTypeHttp, guarded.Port(), "", plain, 401},  // tinyproxy's own answer
+      {utils::NetProxyTypeHttp, guarded.Port(), "guess", secure, utils::HttpRequestProxyFailed},
+      {utils::NetProxyTypeHttp, closed, "", plain, utils::HttpRequestProxyFailed},
+      {utils::NetProxyTypeSocks5, servers_->peer.SocksPort(), "", plain, 200},
+      {utils::NetProxyTypeSocks5, servers_->peer.SocksPort(), "", secure, 200},
   };
   for (const auto& c : cases) {
     utils::ClearThreadHttpConnections();
     utils::HttpRequestParams params;
-    params.proxy = {"127.0.0.1", static_cast<unsigned short>(c.port), c.login, c.password, c.type};
+    params.proxy = {"127.0.0.1", static_cast<unsigned short>(c.port), *c.password ? "user" : "", c.password, c.type};
     params.headers.AddValue("Proxy-Authorization", "Basic Y2FsbGVyOnB3");
-    const std::string where = std::to_string(c.port) + " " + c.login + ":" + c.password + " " + c.url;
+    const std::string where = std::to_string(c.port) + " " + c.password + " " + c.url;
     ASSERT_EQ(Get(c.url, params), c.expected) << where << ": " << response_.ErrorText();
     if (c.expected != 200) continue;
-    if (&c.url == &secure) {
-      EXPECT_EQ(body_, httptest::NginxSite::FileContent(65536)) << where;
-    } else {
-      EXPECT_EQ(body_.compare(0, 20, "GET /echo HTTP/1.1\r\n"), 0) << where << body_;
-      // Whatever is meant for a proxy never reaches the server through a tunnel.
-      EXPECT_TRUE(c.type != utils::NetProxyTypeSocks5 || body_.find("Proxy-Authorization") == std::string::npos);
-    }
+    const bool secured = &c.url == &secure;
+    EXPECT_TRUE(secured ? body_ == httptest::NginxSite::FileContent(65536) : body_.find("GET /echo HTTP/1.1") == 0);
+    // Whatever is meant for a proxy never reaches the server through a tunnel.
+    EXPECT_TRUE(c.type != utils::NetProxyTypeSocks5 || body_.find("Proxy-Authorization") == std::string::npos);
   }
 }
 
-// Each answer as it comes, most written out byte for byte by the peer's /raw
-// (which closes after them) and /held (which keeps the connection open): what
-// it frames and follows, or the failure class with a detail naming the peer.
+// Answers written byte for byte by the peer's /raw (then closed) and /held
+// (kept open): what is framed and followed, or the failure and its detail.
 TEST_F(HttpRequest, FramesAndFollowsAnswersOrFailsWithAClassAndADetail) {
   const std::string peer = "127.0.0.1:" + std::to_string(servers_->peer.Port());
   const std::string ok = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
@@ -263,18 +223,15 @@ TEST_F(HttpRequest, FramesAndFollowsAnswersOrFailsWithAClassAndADetail) {
   auto moved = [&raw](const std::string& location) {
     return raw("/a/b/raw", "HTTP/1.1 302 Found\r\nLocation: " + location + "\r\nContent-Length: 0\r\n\r\n");
   };
+  const std::string toEnd = raw("/raw", "HTTP/1.1 200 OK\r\n\r\n" + std::string(100000, 'z'));
   const struct {
     std::string url;
     int expected;
     std::string text;  // in the body, or in the error text
     size_t maxBodyBytes = 0;
-    bool lenientTls = false;
   } cases[] = {
-      // Every form a Location may take, resolved against /a/b/raw.
-      {moved("echo"), 200, "GET /a/b/echo HTTP/1.1"},
-      {moved("./echo?x=1"), 200, "GET /a/b/echo?x=1 HTTP/1.1"},
+      // The forms a Location may take, resolved against /a/b/raw.
       {moved("../../c/./echo"), 200, "GET /c/echo HTTP/1.1"},
-      {moved("/echo"), 200, "GET /echo HTTP/1.1"},
       {moved("//" + peer + "/d/echo"), 200, "GET /d/echo HTTP/1.1"},
       {moved("HTTP://" + peer + "/e/echo"), 200, "GET /e/echo HTTP/1.1"},
       {moved("?" + utils::UrlEscape(ok)), 200, "ok"},
@@ -282,56 +239,39 @@ TEST_F(HttpRequest, FramesAndFollowsAnswersOrFailsWithAClassAndADetail) {
       {moved("ftp://127.0.0.1/x"), utils::HttpRequestBadUrl, "redirected"},
       // Cookies set on the way go with the call's own redirects.
       {raw("/raw",
-           "HTTP/1.1 302 Found\r\nSet-Cookie: session=abc; "
-           "Path=/\r\nSet-Cookie: other=1; Path=/elsewhere\r\n"
+           "HTTP/1.1 302 Found\r\nSet-Cookie: session=abc; Path=/\r\nSet-Cookie: other=1; Path=/elsewhere\r\n"
            "Location: /echo\r\nContent-Length: 0\r\n\r\n"),
        200, "\r\nCookie: session=abc\r\n"},
       // No body is waited for after these, whatever follows.
-      {raw("/held",
-           "HTTP/1.1 101 Switching Protocols\r\nUpgrade: "
-           "x\r\nConnection: Upgrade\r\n\r\nbytes"),
-       101, ""},
-      {raw("/held", "HTTP/1.1 204 No Content\r\n\r\n"), 204, ""},
+      {raw("/held", "HTTP/1.1 101 Switching Protocols\r\nUpgrade: x\r\nConnection: Upgrade\r\n\r\nbytes"), 101, ""},
       {raw("/held", "HTTP/1.1 304 Not Modified\r\n\r\n"), 304, ""},
       {raw("/held", "HTTP/1.1 100 Continue\r\n\r\n" + ok), 200, "ok"},
       // Digest, answered once: the peer checks every field of the answer.
-      {"http://alice:secret@" + peer + "/digest?MD5", 200, "digest ok"},
       {"http://alice:secret@" + peer + "/digest?MD5-sess", 200, "digest ok"},
       {"http://alice:wrong@" + peer + "/digest", 401, "no"},
-      {servers_->peer.Url("/digest"), 401, "no"},
       {servers_->peer.Url("/chunked"), 200, "Hello, world"},
-      {servers_->peer.Url("/no-length"), 200, std::string(300000, 'z')},
+      {toEnd, 200, std::string(100000, 'z')},
+      {servers_->site.HttpsUrl("localhost", "/files/1000000"), 200, httptest::NginxSite::FileContent(1000000)},
       // A length that cannot be trusted frames nothing.
       {raw("/raw", lengthOf5 + "5\r\nContent-Length: 5\r\n\r\nhello"), 200, "hello"},
-      {raw("/raw", lengthOf5 + "5, 5\r\n\r\nhello"), 200, "hello"},
-      {raw("/raw", lengthOf5 + "5\r\nContent-Length: 4\r\n\r\nhello"), kBadFraming, "Content-Length"},
       {raw("/raw", lengthOf5 + "4, 5\r\n\r\nhello"), kBadFraming, "Content-Length"},
-      {raw("/raw", lengthOf5 + "five\r\n\r\nhello"), kBadFraming, "Content-Length"},
-      {raw("/raw", lengthOf5 + "+5\r\n\r\nhello"), kBadFraming, "Content-Length"},
       {raw("/raw", lengthOf5 + "-5\r\n\r\nhello"), kBadFraming, "Content-Length"},
-      {raw("/raw", lengthOf5 + "\r\n\r\nhello"), kBadFraming, "Content-Length"},
       {raw("/raw", lengthOf5 + "99999999999999999999\r\n\r\nhello"), kBadFraming, "Content-Length"},
-      // Transfer-Encoding wins over Content-Length, whatever the order.
-      {raw("/raw", lengthOf5 + "3\r\nTransfer-Encoding: "
-                               "chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n"),
-       200, "hello"},
+      // Transfer-Encoding wins over Content-Length.
       {raw("/held",
-           "HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip, "
-           "chunked\r\nContent-Length: 99\r\n\r\n2\r\nhi\r\n0\r\n\r\n"),
+           "HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip, chunked\r\nContent-Length: 99\r\n\r\n2\r\nhi\r\n0\r\n\r\n"),
        200, "hi"},
       {raw("/raw", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nHel"), kBadFraming, peer + " truncated"},
       {servers_->peer.Url("/close-mid-body"), kBadFraming, "truncated at 100 of 1000"},
-      {servers_->peer.Url("/big-head"), utils::HttpRequestTooLarge, "head from " + peer},
+      {raw("/raw", "HTTP/1.1 200 OK\r\nX-Filler: " + std::string(70000, 'y') + "\r\n\r\n"), utils::HttpRequestTooLarge,
+       "head from " + peer},
       {raw("/held", lengthOf5 + "100\r\n\r\n0123456789"), utils::HttpRequestTimedOut, "body from " + peer},
-      {servers_->peer.Url("/no-length"), utils::HttpRequestTooLarge, "larger than 65535 bytes", 65535},
-      {servers_->site.HttpsUrl("127.0.0.1", "/files/1024"), utils::HttpRequestTlsFailed, "host name"},
-      {servers_->site.HttpsUrl("127.0.0.1", "/files/1024"), 200, httptest::NginxSite::FileContent(1024), 0, true},
+      {toEnd, utils::HttpRequestTooLarge, "larger than 65535 bytes", 65535},
   };
   for (const auto& c : cases) {
     utils::HttpRequestParams params;
     params.timeoutMs = 1000;
     params.keepAlive = false;  // a held connection must not be asked again
-    params.lenientTls = c.lenientTls;
     if (c.maxBodyBytes != 0) params.maxBodyBytes = c.maxBodyBytes;
     const auto start = Clock::now();
     const int result = Get(c.url, params);
@@ -356,8 +296,7 @@ TEST_F(HttpRequest, FramesAndFollowsAnswersOrFailsWithAClassAndADetail) {
   setenv("CORVANE_OPENSSL_CA_FILE", trusted.c_str(), 1);
 }
 
-// "<connection> <request on it>" from the peer's /keep, "<connection>
-// <request> <r or .>" from nginx's /conn.
+// The numbers the peer's /keep and nginx's /conn answer with.
 std::vector<std::string> Words(const std::string& text) {
   std::istringstream in(text);
   std::vector<std::string> words;
@@ -375,7 +314,6 @@ TEST_F(HttpRequest, ReusesConnectionsAsHttp11Allows) {
     int secondResult;
   } cases[] = {
       {"", true, 0, "GET", true, 200},
-      {"chunked", true, 0, "GET", true, 200},
       {"1.0ka", true, 0, "GET", true, 200},
       {"", false, 0, "GET", false, 200},
       {"close", true, 0, "GET", false, 200},
@@ -384,7 +322,6 @@ TEST_F(HttpRequest, ReusesConnectionsAsHttp11Allows) {
       {"idle-close", true, 100, "GET", false, 200},
       // ... or only after it went out: sent again on a new connection, but a POST is not.
       {"drop", true, 0, "GET", false, 200},
-      {"drop", true, 0, "HEAD", false, 200},
       {"drop", true, 0, "POST", true, utils::HttpRequestProtocolError},
   };
   for (const auto& c : cases) {
@@ -392,19 +329,16 @@ TEST_F(HttpRequest, ReusesConnectionsAsHttp11Allows) {
     utils::HttpRequestParams params;
     params.keepAlive = c.keepAlive;
     ASSERT_EQ(Get(servers_->peer.Url(std::string("/keep?") + c.first), params), 200) << c.first;
-    const std::vector<std::string> first = Words(body_);
-    ASSERT_EQ(first.size(), 2u);
+    const std::string first = Words(body_).at(0);
     std::this_thread::sleep_for(std::chrono::milliseconds(c.pauseMs));
     EXPECT_EQ(utils::PerformHttpRequest(c.secondMethod, servers_->peer.Url("/keep"), {}, &body_, &response_),
               c.secondResult)
         << c.first << " " << c.secondMethod;
-    if (c.secondResult != 200 || std::string(c.secondMethod) == "HEAD") continue;
+    if (c.secondResult != 200) continue;
     const std::vector<std::string> second = Words(body_);
-    ASSERT_EQ(second.size(), 2u);
-    EXPECT_EQ(second[0] == first[0], c.reused) << c.first;
-    EXPECT_EQ(second[1], c.reused ? "2" : "1") << c.first;
+    EXPECT_EQ(second.at(0) == first, c.reused) << c.first;
+    EXPECT_EQ(second.at(1), c.reused ? "2" : "1") << c.first;
   }
-  utils::ClearThreadHttpConnections();
 }
 
 TEST_F(HttpRequest, ReusesHttpsConnectionsAndResumesSessionsOnNewOnes) {
@@ -426,25 +360,6 @@ TEST_F(HttpRequest, ReusesHttpsConnectionsAndResumesSessionsOnNewOnes) {
     EXPECT_EQ(seen[i][2], "r");
   }
   EXPECT_EQ(seen[4][2], ".");  // nothing left to resume
-
-  // A resumed session still has to match the host name it is used for.
-  utils::BaseSocketClient first;
-  const std::string port = std::to_string(servers_->site.HttpsPort());
-  ASSERT_EQ(first.Connect("127.0.0.1", port, 2000), utils::BaseSocketClient::ErrorNone);
-  ASSERT_EQ(first.InitiateSecureSession("localhost", 2000, 0, {}), utils::BaseSocketClient::ErrorNone);
-  const std::string request = "GET /conn HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
-  ASSERT_EQ(utils::SendAll(&first, request.data(), request.size(), nullptr, 2000), utils::BaseSocketClient::ErrorNone);
-  char answer[4096];
-  size_t got = 0;
-  EXPECT_EQ(utils::RecvAll(&first, answer, sizeof(answer), &got, 2000), utils::BaseSocketClient::ErrorEndOfStream);
-  const utils::tls::SessionPtr session = first.ResumableTlsSession();
-  ASSERT_NE(session, nullptr);
-  utils::BaseSocketClient second;
-  ASSERT_EQ(second.Connect("127.0.0.1", port, 2000), utils::BaseSocketClient::ErrorNone);
-  second.OfferTlsSession(session);
-  EXPECT_EQ(second.InitiateSecureSession("localhost.localdomain", 2000, 0, {}), utils::BaseSocketClient::ErrorFailed);
-  EXPECT_TRUE(second.TlsSessionReused());
-  EXPECT_EQ(second.LastFailureText(), "certificate does not match the host name");
 }
 
 TEST_F(HttpRequest, PooledConnectionsNeverCrossThreads) {
@@ -482,10 +397,6 @@ TEST_F(HttpRequest, StreamsBodiesBothWaysInBoundedMemory) {
   const std::string source = servers_->dir.Path() + "/www/files/big";
   nettest::WriteFile(source, "");
   std::filesystem::resize_file(source, uint64_t{1} << 30);
-  const std::string target = servers_->dir.Path() + "/download";
-  utils::HttpFileSink file(target);
-  ASSERT_TRUE(file.IsOpen());
-  const utils::HttpBodySink write = file.Sink();
   const long startKb = ResidentKb();
   long peakKb = startKb;
   uint64_t total = 0;
@@ -493,18 +404,15 @@ TEST_F(HttpRequest, StreamsBodiesBothWaysInBoundedMemory) {
   params.maxBodyBytes = SIZE_MAX;
   const int code = utils::PerformHttpRequest(
       "GET", servers_->site.HttpUrl("/files/big"), params, nullptr,
-      [&](const char* data, size_t size) {
+      [&](const char*, size_t size) {
         if ((total >> 24) != ((total + size) >> 24)) peakKb = std::max(peakKb, ResidentKb());
         total += size;
-        return write(data, size);
+        return true;
       },
       nullptr, &response_);
   ASSERT_EQ(code, 200) << response_.ErrorText();
-  ASSERT_TRUE(file.Commit()) << file.Error();
   EXPECT_EQ(total, uint64_t{1} << 30);
   EXPECT_LT(peakKb - startKb, 32 * 1024);
-  EXPECT_EQ(std::filesystem::file_size(target), uint64_t{1} << 30);
-  std::filesystem::remove(target);
   std::filesystem::remove(source);
   const utils::HttpBodySink refuse = [](const char*, size_t) { return false; };
   EXPECT_EQ(utils::PerformHttpRequest("GET", servers_->site.HttpUrl("/files/65536"), {}, nullptr, refuse, nullptr,
@@ -541,39 +449,9 @@ TEST_F(HttpRequest, StreamsBodiesBothWaysInBoundedMemory) {
         << c.path << " " << response_.ErrorText();
     if (c.framing == nullptr) continue;
     EXPECT_NE(body_.find(c.framing), std::string::npos) << body_.substr(0, 300);
-    ASSERT_GE(body_.size(), payload.size());
-    EXPECT_TRUE(body_.compare(body_.size() - payload.size(), payload.size(), payload) == 0) << c.size;
+    const std::string sent = body_.substr(body_.find("\r\n\r\n") + 4);
+    EXPECT_TRUE((c.size < 0 ? utils::ParseChunkedEncodedString(sent) : sent) == payload) << c.size;
   }
-}
-
-TEST(HttpConnectionPool, StaysWithinItsBoundsAndHandsOutOnlyLiveIdleConnections) {
-  utils::HttpConnectionPool pool;
-  std::vector<int> peers;
-  auto open = [&peers] {
-    int pair[2];
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-    peers.push_back(pair[1]);
-    auto socket = std::make_unique<utils::impl::Socket>(nullptr);
-    socket->Attach(pair[0], "peer");
-    return socket;
-  };
-  for (int i = 0; i < 6; ++i) pool.Put("a", open(), 0);
-  EXPECT_EQ(pool.IdleCount(), utils::HttpConnectionPool::kMaxIdlePerKey);
-  for (int i = 0; i < 40; ++i) pool.Put("k" + std::to_string(i), open(), i);
-  EXPECT_EQ(pool.IdleCount(), utils::HttpConnectionPool::kMaxIdle);
-  EXPECT_EQ(pool.Take("a", 40), nullptr);  // the oldest went first
-  EXPECT_NE(pool.Take("k39", 40), nullptr);
-  EXPECT_EQ(pool.Take("k39", 40), nullptr);
-  EXPECT_EQ(pool.Take("k38", 38 + utils::HttpConnectionPool::kMaxIdleMs + 1), nullptr);  // idle too long
-  EXPECT_EQ(pool.IdleCount(), 0u);
-  pool.Put("closed", open(), 0);
-  close(peers.back());
-  peers.pop_back();
-  EXPECT_EQ(pool.Take("closed", 0), nullptr);
-  pool.Put("unread", open(), 0);
-  EXPECT_EQ(write(peers.back(), "x", 1), 1);
-  EXPECT_EQ(pool.Take("unread", 0), nullptr);
-  for (int peer : peers) close(peer);
 }
 
 }  // namespace

@@ -11,12 +11,6 @@
 
 namespace httptest {
 
-namespace {
-
-const size_t kFileSizes[] = {0, 1024, 65536, 1000000, 20000000};
-
-}  // namespace
-
 PythonPeer::PythonPeer(const std::string& directory) {
   const std::string ready = directory + "/python.port";
   process_.reset(new nettest::ChildProcess({"python3", CORVANE_SOURCE_DIR "/tests/http/fixtures/http_peer.py", ready},
@@ -46,7 +40,8 @@ NginxSite::NginxSite(const std::string& directory) {
   mkdir(root.c_str(), 0755);
   mkdir((root + "/files").c_str(), 0755);
   mkdir((root + "/private").c_str(), 0755);
-  for (size_t size : kFileSizes) nettest::WriteFile(root + "/files/" + std::to_string(size), FileContent(size));
+  for (size_t size : {0, 1024, 65536, 1000000})
+    nettest::WriteFile(root + "/files/" + std::to_string(size), FileContent(size));
   nettest::WriteFile(root + "/private/secret", "for bob\n");
   nettest::WriteFile(directory + "/htpasswd", "bob:{PLAIN}pw\n");
 

@@ -1,6 +1,4 @@
-// Real servers for the HTTP client tests, on 127.0.0.1 and free ports: nginx
-// with static files, HTTPS, redirects and Basic auth; the scripted Python
-// peer (fixtures/http_peer.py); tinyproxy in front of them.
+// Real servers for the HTTP client tests, on 127.0.0.1 and free ports.
 #pragma once
 
 #include <memory>
@@ -11,8 +9,7 @@
 
 namespace httptest {
 
-// The scripted peer and its SOCKS5 relay; it writes their ports into a file
-// once they listen.
+// fixtures/http_peer.py and its SOCKS5 relay.
 class PythonPeer {
  public:
   explicit PythonPeer(const std::string& directory);
@@ -26,13 +23,10 @@ class PythonPeer {
   std::unique_ptr<nettest::ChildProcess> process_;
 };
 
-// nginx serving /files/<n> (n bytes of a repeating pattern, for the sizes in
-// FileSizes), /private/ behind Basic auth (user "bob", password "pw"),
-// /goto?to=URL redirecting to URL,
-// /conn answering "<connection number> <its request count> <r if the TLS
-// session was resumed, else .>", on plain HTTP and on HTTPS with a
-// certificate for "localhost" only, whose authority is trusted through
-// CORVANE_OPENSSL_CA_FILE.
+// nginx over HTTP and HTTPS (a certificate for "localhost" only, its authority
+// trusted through CORVANE_OPENSSL_CA_FILE): /files/<n> for n in 0, 1024, 65536
+// and 1000000, /private/ behind Basic auth (bob:pw), /goto?to=URL redirecting
+// there, /conn answering "<connection> <request on it> <r if resumed, else .>".
 class NginxSite {
  public:
   explicit NginxSite(const std::string& directory);
@@ -47,8 +41,7 @@ class NginxSite {
   std::unique_ptr<nettest::Nginx> nginx_;
 };
 
-// Everything a suite of HTTP tests talks to, in one scratch directory; made
-// once per suite and torn down in reverse order.
+// Everything a suite of HTTP tests talks to, in one scratch directory.
 struct Servers {
   nettest::TempDir dir;
   NginxSite site{dir.Path()};
