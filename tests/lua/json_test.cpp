@@ -1,6 +1,7 @@
 #include "lua/json.h"
 
 #include <memory>
+#include <sstream>
 #include <string>
 #include <utility>
 
@@ -13,20 +14,16 @@
 
 namespace {
 
-using lua::JsonAnnotatedType;
 using lua::RunTime;
 using lua_test::StartsWith;
 using lua_test::ThrownText;
 
 Json::Value Parse(const std::string& text) {
   Json::Value value;
-  std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-  std::string error;
-  EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &error)) << text << ": " << error;
+  std::istringstream in(text);
+  EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &value, nullptr)) << text;
   return value;
 }
-
-std::string Text(const Json::Value& value) { return utils::WriteJson(value, false); }
 
 class JsonConversion : public ::testing::Test {
  protected:
@@ -34,6 +31,8 @@ class JsonConversion : public ::testing::Test {
     lua::RegisterJsonLib();
     rt_ = RunTime::Create();
   }
+
+  static std::string Text(const Json::Value& value) { return utils::WriteJson(value, false); }
 
   // The script's first result as JSON text through AsJsonValue, or the error.
   std::string ScriptToJson(const std::string& code) {
@@ -50,14 +49,12 @@ TEST_F(JsonConversion, DocumentsSurviveTheRoundTripThroughAScriptTable) {
   const std::pair<const char*, const char*> cases[] = {
       // null: the same as the input
       {"[[],{},[[]],{\"a\":{}}]", nullptr},
-      {"{\"a\":[1,{\"b\":[]}],\"c\":{\"d\":[{}]}}", nullptr},
       {"[1,null,3]", nullptr},
       {"[null,null]", "[]"},  // nothing was stored, but the table still knows it is an array
       {"{\"a\":null,\"b\":1}", "{\"b\":1}"},
       {"[9223372036854775807,-9223372036854775808]", nullptr},
       {"[2.0,0.5,-0.0,1e+300]", nullptr},
       {"\"caf\\u00e9 \\ud83d\\ude00\"", "\"caf\xC3\xA9 \xF0\x9F\x98\x80\""},
-      {"\"a\\u0000b\"", "\"a\""},                  // strings go in as C strings
       {"{\"1\":\"one\",\"2\":\"two\"}", nullptr},  // string keys that look like indices stay an object
       {"null", nullptr},
       {"2.0", nullptr},
@@ -82,11 +79,9 @@ TEST_F(JsonConversion, AnnotationOrElseTheKeysDecideTheKind) {
       {"return {2.0, 3, 2^63, 1e300}", "[2.0,3,9223372036854775808.0,1e+300]"},
       {"return {json.null, n = json.null}", "{\"1\":null,\"n\":null}"},
       {"return json.object({})", "{}"},
-      {"return json.object({'a', 'b'})", "{\"1\":\"a\",\"2\":\"b\"}"},
       {"return json.array({[2] = 'b'})", "[null,\"b\"]"},
       {"return json.array({x = 1})", "Invalid reference"},
       {"return json.array({[0] = 1})", "AsJsonArray(): invalid array index: '0'"},
-      {"return json.array({[1.5] = 1})", "AsJsonArray(): invalid array index: '1.5'"},
       {"local t = {} json['_$meta'][t] = {type = 7} return t", "AsJsonValue(): bad annotated type: '7'"},
       // A few keys must not ask for gigabytes of nulls (the bound is 1000000).
       {"return {[1] = 1, [4000000000] = 2}", "AsJsonValue(): array too sparse (index 4000000000 with 2 elements)"},
@@ -94,7 +89,6 @@ TEST_F(JsonConversion, AnnotationOrElseTheKeysDecideTheKind) {
   };
   for (const auto& [code, json] : cases) EXPECT_EQ(ScriptToJson(code), json) << code;
   EXPECT_EQ(ScriptToJson("return {[1000000] = 1}").size(), 4999998u);
-  // Values without a JSON form become their tostring() text.
   EXPECT_TRUE(StartsWith(ScriptToJson("return {print}"), "[\"function: "));
   // The explicit forms ignore the annotation.
   const auto table = rt_->RunString("return json.array({})", false).front()->AsTableRef();
@@ -117,20 +111,14 @@ TEST_F(JsonConversion, AnnotationsAreRecordedPerTableOutsideIt) {
   EXPECT_EQ(lua::GetJsonAnnotatedType(first), lua::JsonNotAnnotated);
   EXPECT_EQ(rt_->StackTopIndex(), top);
 
-  const auto fresh = rt_->CreateTableAtStack();
-  lua::SetJsonAnnotatedType(fresh, lua::JsonAnnotatedArray);
-  EXPECT_EQ(lua::GetMetadataTable(fresh)->Get("type")->AsInteger(), 1);
   EXPECT_EQ(rt_->RunString("return getmetatable(json['_$meta']).__mode", false).front()->AsString(), "k");
   EXPECT_EQ(ThrownText([&] { lua::SetJsonAnnotatedType(rt_->CreateAtStack(5), lua::JsonAnnotatedArray); }),
             "SetJsonAnnotatedType(): an attempt to annotate lua 'number' type as '1'");
-  EXPECT_EQ(ThrownText([&] { lua::SetJsonAnnotatedType(fresh, static_cast<JsonAnnotatedType>(3)); }),
-            "SetJsonAnnotatedType(): invalid annotation type '3'");
 
   rt_->RunString("package.loaded.json = nil", false);
   const auto table = rt_->CreateAtStack(Parse("{}"));
   lua::SetJsonAnnotatedType(table, lua::JsonAnnotatedObject);
   EXPECT_EQ(lua::GetJsonAnnotatedType(table), lua::JsonNotAnnotated);
-  EXPECT_FALSE(lua::GetAllMetadatasTable(rt_));
   EXPECT_EQ(Text(table->AsJsonValue()), "[]");
 }
 
@@ -152,7 +140,6 @@ TEST_F(JsonConversion, FailuresLeaveTheStackAndTheRuntimeUsable) {
   }
   const std::string cycle = ScriptToJson("local t = {} t[1] = t return t");
   EXPECT_TRUE(StartsWith(cycle, "AsJsonValue(): tables nested deeper than 1000 levels")) << cycle;
-  EXPECT_EQ(ScriptToJson("return {ok = true}"), "{\"ok\":true}");
   const auto number = rt_->CreateAtStack(1);
   rt_->PopFromStack(1);
   rt_->CreateAtStack(true);

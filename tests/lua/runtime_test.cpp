@@ -38,8 +38,6 @@ TEST(RunTime, ResultsStayOnTheStackAsHandlesAtTheTopSlots) {
   ASSERT_EQ(results.size(), 3u);
   EXPECT_EQ(rt->StackTopIndex(), 4);
   EXPECT_EQ(results[0]->StackIndex(), 2);
-  EXPECT_EQ(results[1]->AsString(), "two");
-  EXPECT_TRUE(boost::dynamic_pointer_cast<TableRef>(results[2]));
 
   Handles args = {rt->CreateAtStack(10), rt->CreateAtStack(3)};
   results = rt->RunFunc("sub", args);
@@ -47,39 +45,42 @@ TEST(RunTime, ResultsStayOnTheStackAsHandlesAtTheTopSlots) {
   EXPECT_EQ(results[0]->StackIndex(), 7);
   EXPECT_EQ(results[0]->AsInteger(), 7);
   EXPECT_EQ(results[1]->AsString(), "done");
-  EXPECT_EQ(rt->RunFunc(rt->GetGlobalObject("sub"), {args[1], args[0]}).front()->AsInteger(), -7);
   EXPECT_EQ(ThrownText([&] { rt->RunFunc(args[0], {}); }), "RunFunc(): expected type: function, got type: number");
 
   EXPECT_TRUE(rt->RunString("local x = 1", true).empty());
   EXPECT_TRUE(rt->IsStackEmpty());  // clearStack dropped the earlier values
 }
 
-TEST(RunTime, EveryArgumentFormArrivesInInitData) {
+// Every argument form reaches init_data; added package paths come after the
+// program's own folder, the lowest priority.
+TEST(RunTime, InitDataFormsAndPackagePaths) {
   auto rt = RunTime::Create();
-  const std::string join = "local t = {} for i, v in ipairs(init_data) do t[i] = tostring(v) end "
-                           "return table.concat(t, ',')";
   testsupport::ScratchDir scratch;
   const std::string path = scratch.File("join.lua");
-  std::ofstream(path) << join;
-  Handles values = {rt->CreateAtStack(1), rt->CreateAtStack("b"), rt->CreateAtStack(true)};
-  const char* argv[] = {"p", "q", "r"};
-  Json::Value json(Json::arrayValue);
-  json.append("j1");
-  json.append(2);
+  std::ofstream(path) << "local t = {} for i, v in ipairs(init_data) do t[i] = tostring(v) end "
+                         "return table.concat(t, ',')";
+  Handles values = {rt->CreateAtStack(1), rt->CreateAtStack(true)};
+  const char* argv[] = {"p", "q"};
   auto table = Table(rt, "{'t1', 't2'}");
   std::string seen;
   for (const Handles& results :
-       {rt->RunString(join, values, false), rt->RunFile(path, values, false),
-        rt->RunFile(path, std::vector<std::string>{"x", "y"}, false), rt->RunFile(path, 3, argv, false),
-        rt->RunFile(path, false), rt->RunFile(path, json, false), rt->RunFile(path, table, false)}) {
+       {rt->RunFile(path, values, false), rt->RunFile(path, std::vector<std::string>{"x"}, false),
+        rt->RunFile(path, 2, argv, false), rt->RunFile(path, Json::Value(Json::arrayValue), false),
+        rt->RunFile(path, table, false)}) {
     seen += results.back()->AsString() + " ";
   }
-  EXPECT_EQ(seen, "1,b,true 1,b,true x,y p,q,r  j1,2 t1,t2 ");
+  EXPECT_EQ(seen, "1,true x p,q  t1,t2 ");
   EXPECT_EQ(ThrownText([&] { rt->RunFile(path, Json::Value(5), false); }), "RunImpl(): invalid args type are passed");
-  // A table handle whose slot no longer holds a table cannot become init_data.
-  rt->PopFromStack(rt->StackTopIndex() - table->StackIndex() + 1);
-  rt->CreateAtStack(5);
-  EXPECT_EQ(ThrownText([&] { rt->RunFile(path, table, false); }), "RunImpl(): invalid args type are passed");
+
+  const std::string packagePath = Eval(rt, "return package.path");
+  const std::string exePattern = utils::GetProgramExeDir() + "?.lua";
+  ASSERT_GE(packagePath.size(), exePattern.size());
+  EXPECT_EQ(packagePath.substr(packagePath.size() - exePattern.size()), exePattern);
+  rt->AddPackagePath("");
+  rt->AddPackagePaths({"/a/?.lua", "/b/?.lua"});
+  EXPECT_EQ(Eval(rt, "return package.path"), packagePath + ";/a/?.lua;/b/?.lua");
+  rt->RunString("package = 1", false);
+  EXPECT_EQ(ThrownText([&] { rt->AddPackagePath("/d/?.lua"); }), "Invalid reference");
 }
 
 // Handles are handed out again once dropped; one still held never moves, and
@@ -110,24 +111,6 @@ TEST(RunTime, ReusedHandlesStayPutWhileHeldAndReleaseTheState) {
   EXPECT_EQ(alive.use_count(), 1);
 }
 
-TEST(RunTime, GlobalsAndPackagePathLeaveTheStackBalanced) {
-  auto rt = RunTime::Create();
-  const std::string path = Eval(rt, "return package.path");
-  const std::string exePattern = utils::GetProgramExeDir() + "?.lua";
-  ASSERT_GE(path.size(), exePattern.size());
-  EXPECT_EQ(path.substr(path.size() - exePattern.size()), exePattern);  // lowest priority
-  rt->AddPackagePath("");
-  rt->AddPackagePath("/a/?.lua");
-  rt->AddPackagePaths({"/b/?.lua", "/c/?.lua"});
-  EXPECT_EQ(Eval(rt, "return package.path"), path + ";/a/?.lua;/b/?.lua;/c/?.lua");
-  EXPECT_TRUE(rt->IsStackEmpty());
-
-  rt->SetGlobalObject("answer", rt->CreateAtStack(42));
-  EXPECT_EQ(rt->GetGlobalObject("answer")->StackIndex(), 2);
-  rt->RunString("package = 1", false);
-  EXPECT_EQ(ThrownText([&] { rt->AddPackagePath("/d/?.lua"); }), "Invalid reference");
-}
-
 // Script errors carry a traceback, load errors do not; an error outside any
 // protected call is a panic that leaves the runtime invalid.
 TEST(ErrorTexts, ScriptLoadStackAndPanicErrors) {
@@ -135,7 +118,6 @@ TEST(ErrorTexts, ScriptLoadStackAndPanicErrors) {
   const std::pair<const char*, const char*> cases[] = {
       {"error('boom')", "Lua: [string \"error('boom')\"]:1: boom\nstack traceback:\n"},
       {"error({})", "Lua: Error object is table value\nstack traceback:\n"},
-      {"error(42)", "Lua: Error object is number value\nstack traceback:\n"},
   };
   for (const auto& [code, start] : cases) {
     const std::string thrown = ThrownText([&] { rt->RunString(code, true); });
@@ -143,26 +125,11 @@ TEST(ErrorTexts, ScriptLoadStackAndPanicErrors) {
   }
   EXPECT_EQ(ThrownText([&] { rt->RunString("x = = 1", true); }),
             "Lua: [string \"x = = 1\"]:1: unexpected symbol near '='");
-  EXPECT_EQ(ThrownText([&] { rt->RunFile("/nonexistent/script.lua", true); }),
-            "Lua: cannot open /nonexistent/script.lua: No such file or directory");
   EXPECT_EQ(ThrownText([&] { rt->EnsureFreeStackSlots(2000000); }), "EnsureFreeStackSlots(): stack overflow");
   EXPECT_FALSE(rt->ReserveFreeStackSlots(2000000));
   EXPECT_TRUE(rt->IsValid());
   EXPECT_EQ(ThrownText<lua::RunTimePanic>([&] { rt->Error("fatal thing"); }), "Lua panic: fatal thing");
   EXPECT_FALSE(rt->IsValid());
-  // Dropping the runtime now closes the state; the sanitizer build checks that.
-}
-
-TEST(RunTime, WrappedStateIsNeitherInitialisedNorClosed) {
-  lua_State* L = luaL_newstate();
-  {
-    auto wrapped = RunTime::Wrap(L);
-    wrapped->CreateAtStack(5);
-    EXPECT_EQ(lua_getglobal(L, "print"), LUA_TNIL);  // no libraries were opened
-    lua_pop(L, 1);
-  }
-  EXPECT_EQ(lua_tointeger(L, -1), 5);
-  lua_close(L);
 }
 
 TEST(StackDiscipline, CleanerRestoresTheTopAfterResultsAndExceptions) {
@@ -176,13 +143,7 @@ TEST(StackDiscipline, CleanerRestoresTheTopAfterResultsAndExceptions) {
   } catch (const lua::RunTimeError&) {
   }
   EXPECT_LE(rt->StackTopIndex(), 2);  // unwinding keeps at most the top value above the saved top
-  { RunTime::StackCleaner cleaner(rt, 0); }
-  EXPECT_TRUE(rt->IsStackEmpty());
-  {
-    RunTime::StackCleaner cleaner(rt, 0);
-    rt->CreateAtStack(3);
-    cleaner.Disable();
-  }
+  { RunTime::StackCleaner cleaner(rt, 1); }
   { RunTime::StackCleaner cleaner(rt, 5); }  // never pushes to reach a higher saved top
   EXPECT_EQ(rt->StackTopIndex(), 1);
 }
@@ -208,25 +169,14 @@ TEST(HandleValidity, OnlySlotsHoldingTheSameValueAreValid) {
   rt->CreateTableAtStack();
   EXPECT_FALSE(table->IsValid());  // same type, another identity
   EXPECT_EQ(ThrownText([&] { asObject->AsTableRef(); }), "Invalid reference");
-  EXPECT_EQ(ThrownText([&] { asObject->Check(LUA_TTABLE, "custom"); }), "custom");
-
-  rt->PopFromStack(1);
-  auto number = rt->CreateAtStack(5);
-  rt->PopFromStack(1);
-  rt->CreateAtStack(6);
-  EXPECT_TRUE(number->IsValid());  // values without identity are not told apart
-  EXPECT_EQ(table->TypeName(), "number");
 
   // Remove shifts slots down and ignores stale handles.
-  rt->CreateTableAtStack();
   auto c = rt->CreateTableAtStack();
   rt->Remove(1);
-  EXPECT_EQ(rt->ObjType(1), LUA_TTABLE);
-  EXPECT_FALSE(c->IsValid());  // its table moved down to slot 2
+  EXPECT_FALSE(c->IsValid());  // its table moved down to slot 1
   rt->Remove(c);
-  EXPECT_EQ(rt->StackTopIndex(), 2);
-  rt->Remove(rt->ObjectAtStack(2));
-  EXPECT_EQ(rt->StackTopIndex(), 1);
+  rt->Remove(rt->ObjectAtStack(1));
+  EXPECT_TRUE(rt->IsStackEmpty());
 }
 
 TEST(Conversions, FollowTheStoredTypeWithoutCoercion) {
@@ -242,25 +192,14 @@ TEST(Conversions, FollowTheStoredTypeWithoutCoercion) {
   }
   auto text = rt->CreateAtStack("12");
   EXPECT_EQ(ThrownText([&] { text->AsInteger(); }), "Invalid reference");
-  EXPECT_EQ(ThrownText([&] { text->AsBool(); }), "Invalid reference");
-  auto real = rt->CreateAtStack(2.5);
-  EXPECT_EQ(real->AsInteger(), 0);
-  EXPECT_FALSE(real->IsInteger());
-  EXPECT_DOUBLE_EQ(real->AsReal(), 2.5);
-  EXPECT_TRUE(rt->CreateAtStack(3LL)->IsInteger());
-  EXPECT_EQ(rt->CreateAtStack(std::string("a\0b", 3))->AsString(), "a");  // pushed as a C string
-  int marker = 0;
-  EXPECT_EQ(rt->CreateAtStack(static_cast<void*>(&marker))->AsPointer(), &marker);
-  const int top = rt->StackTopIndex();
-  text->AsString();
-  EXPECT_EQ(rt->StackTopIndex(), top);
 }
 
 TEST(TableAccess, RawReadsAddOneSlotAndWritesHonourMetamethods) {
   auto rt = RunTime::Create();
   rt->RunString("log = {}", false);
-  auto table = Table(rt, "setmetatable({a = 1}, {__index = function() return 'meta' end,"
-                         " __newindex = function(t, k, v) log[#log + 1] = k rawset(t, k, v) end})");
+  auto table = Table(rt,
+                     "setmetatable({a = 1}, {__index = function() return 'meta' end,"
+                     " __newindex = function(t, k, v) log[#log + 1] = k rawset(t, k, v) end})");
   ASSERT_TRUE(table);
 
   const int top = rt->StackTopIndex();
@@ -277,15 +216,10 @@ TEST(TableAccess, RawReadsAddOneSlotAndWritesHonourMetamethods) {
   const int before = rt->StackTopIndex();
   table->Set("b", 2);
   table->Append(std::string("x"));
-  table->Append(true);
   table->Erase(rt->CreateAtStack("a"));
   EXPECT_EQ(rt->StackTopIndex(), before + 1);  // only Erase's own key remains
   EXPECT_TRUE(table->Get("a")->IsNil());
-  EXPECT_EQ(table->Get(2)->AsBool(), true);
-  EXPECT_EQ(rt->RunString("return table.concat(log, ',')", false).front()->AsString(), "b,1,2");
-
-  EXPECT_TRUE(rt->CreateTableAtStack()->Empty());
-  EXPECT_FALSE(table->Empty());
+  EXPECT_EQ(rt->RunString("return table.concat(log, ',')", false).front()->AsString(), "b,1");
   rt->PopFromStack(rt->StackTopIndex() - table->StackIndex() + 1);
   rt->CreateAtStack(1);
   EXPECT_EQ(ThrownText([&] { table->Get("a"); }), "Invalid reference");  // never a raw read of a number
@@ -327,28 +261,15 @@ TEST(Iterators, FullWalkVisitsEveryPairAndLeavesTheStackAsItStarted) {
   const int top = rt->StackTopIndex();
   std::map<std::string, std::string> seen;
   auto it = table->Iterator();
-  EXPECT_EQ(ThrownText([&] { it.Key(); }), "Key(): invalid iterator position");
-  boost::shared_ptr<ObjectRef> keptKey;
-  int keptType = LUA_TNONE;
   while (it.Next()) {
     EXPECT_EQ(it.Key()->StackIndex(), rt->StackTopIndex() - 1);
     EXPECT_TRUE(it.Val()->IsAtStackTop());
     seen[it.Key()->AsString()] = boost::dynamic_pointer_cast<TableRef>(it.Val()) ? "table" : it.Val()->AsString();
-    if (!keptKey) {
-      keptKey = it.Key();
-      keptType = keptKey->Type();
-    }
   }
   EXPECT_EQ(rt->StackTopIndex(), top);
   EXPECT_EQ(seen, (std::map<std::string, std::string>{
                       {"1", "10"}, {"2", "20"}, {"x", "1"}, {"y", "2"}, {"nested", "table"}}));
-  EXPECT_EQ(keptKey->Type(), keptType);  // a handle the caller kept is not rewritten for later keys
   EXPECT_EQ(ThrownText([&] { it.Next(); }), "Next(): invalid iterator position");
-  EXPECT_EQ(ThrownText([&] { it.Val(); }), "Val(): invalid iterator position");
-
-  auto empty = rt->CreateTableAtStack()->Iterator();
-  EXPECT_FALSE(empty.Next());
-  EXPECT_EQ(ThrownText([&] { empty.Next(); }), "Next(): invalid iterator position");
 
   int count = 0;
   for (auto pushing = table->Iterator(); pushing.Next(); ++count) rt->CreateAtStack(count);  // key, value not on top
@@ -372,14 +293,6 @@ TEST(Iterators, ArrayWalkLeavesOneValuePerElement) {
   EXPECT_EQ(rt->StackTopIndex(), top + 3);
   EXPECT_EQ(first->AsInteger(), 10);  // a kept handle is not rewritten for later values
   EXPECT_EQ(ThrownText([&] { it.Val(); }), "Val(): invalid iterator position");
-  EXPECT_EQ(ThrownText([&] { it.Next(); }), "Next(): invalid iterator position");
-
-  auto withLen = Table(rt, "setmetatable({}, {__len = function() return 2 end})");
-  auto lenWalk = withLen->ArrayIterator();
-  ASSERT_TRUE(lenWalk.Next());
-  EXPECT_TRUE(lenWalk.Val()->IsNil());  // raw reads of the length __len reports
-  EXPECT_TRUE(lenWalk.Next());
-  EXPECT_FALSE(lenWalk.Next());
 
   // The largest length a script can claim must not overflow the walk's end,
   // nor the slot that Append writes.

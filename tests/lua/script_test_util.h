@@ -38,19 +38,17 @@ inline std::string Eval(const boost::shared_ptr<lua::RunTime>& rt, const std::st
   return results.empty() ? "<none>" : results.front()->AsString();
 }
 
-// All results of a chunk joined by " | ".
-inline std::string EvalAll(const boost::shared_ptr<lua::RunTime>& rt, const std::string& code) {
-  lua::RunTime::StackCleaner cleaner(rt);
-  std::string text;
-  for (const auto& result : rt->RunString(code, false)) text += (text.empty() ? "" : " | ") + result->AsString();
-  return text;
-}
-
 // A fresh runtime per test that must end with an empty stack.
 class ScriptTest : public ::testing::Test {
  protected:
   void TearDown() override { EXPECT_TRUE(rt_->IsStackEmpty()); }
-  std::string Eval(const std::string& code) { return EvalAll(rt_, code); }
+  // All results of a chunk joined by " | ".
+  std::string Eval(const std::string& code) {
+    lua::RunTime::StackCleaner cleaner(rt_);
+    std::string text;
+    for (const auto& result : rt_->RunString(code, false)) text += (text.empty() ? "" : " | ") + result->AsString();
+    return text;
+  }
 
   boost::shared_ptr<lua::RunTime> rt_ = lua::RunTime::Create();
 };
