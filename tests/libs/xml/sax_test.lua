@@ -24,16 +24,6 @@ local function eventsOf(content, options)
   return events
 end
 
-check.test("Sax.ReportsEveryConstructInDocumentOrder", function()
-  check.equal(eventsOf('<?xml version="1.0"?>\n<!-- head -->\n'
-                       .. '<root  a = "1"\n\tb=\'2\' >text<empty /><![CDATA[<raw>&amp;]]>'
-                       .. '<?target  data here?></root  >'), {
-    'pi|xml|version="1.0"', "text|\n", "comment| head ", "text|\n", "start|root|nil|nil", "attr|a|1|nil|nil",
-    "attr|b|2|nil|nil", "text|text", "start|empty|nil|nil", "close|empty|nil|nil", "text|<raw>&amp;",
-    "pi|target| data here", "close|root|nil|nil",
-  })
-end)
-
 check.test("Sax.TextIsReportedOnceBetweenConstructs", function()
   check.equal(eventsOf("<a>one &amp; two<!--c-->three</a>tail"), {
     "start|a|nil|nil", "text|one & two", "comment|c", "text|three", "close|a|nil|nil",
@@ -49,10 +39,6 @@ check.test("Sax.StripWhitespaceTrimsTextButNotCdata", function()
   check.equal(eventsOf(content, { stripWhitespace = true }), {
     "start|a|nil|nil", "start|b|nil|nil", "text|x y", "close|b|nil|nil",
     "text| c ", "close|a|nil|nil",
-  })
-  check.equal(eventsOf(content, { stripWhitespace = false }), {
-    "start|a|nil|nil", "text|\n  ", "start|b|nil|nil", "text|  x y  ", "close|b|nil|nil",
-    "text|\n \t", "text| c ", "text| ", "close|a|nil|nil",
   })
 end)
 
@@ -95,24 +81,20 @@ check.test("Sax.NoCallbacksPrintATraceAndMissingOnesSkipTheirEvents", function()
   check.equal(lines, {
     "<?pi data?>", "<!-- c -->", "<p:a>", '  xmlns:p="u"', '  x="1"', '  text: "t"', "</a>",
   })
-  -- Missing callbacks skip their events.
   local texts = {}
   xml.sax.parseStr("<a>x<!--c--><b/>y</a>", { text = function(text) texts[#texts + 1] = text end })
   check.equal(texts, { "x", "y" })
-  xml.sax.parseStr("<a>x<?p?><b/>y</a>", {})
 end)
 
 check.test("Sax.RaisesOnMalformedDocuments", function()
   local cases = {
     { "<a b></a>", "Was in an element and couldn't find attributes or the close." },
-    { '<a x="1<"/>', "Was in an element and couldn't find attributes or the close." },
     { '<a p:x="1"/>', "Cannot find namespace for prefix p" },
     { '<r><a xmlns:z="u"/><z:b/></r>', "Cannot find namespace for prefix z" },
     { "<a></z:a>", "Cannot find namespace for prefix z" },
     { "text <!-- c --> <?pi x?> <![CDATA[x]]>", "Parsing did not discover any elements" },
     { '<a x="1"', "Parsing ended with unclosed elements" },
     { "<a>&#zz;</a>", "attempt to compare nil with number" },
-    { '<a v="&#1x;"/>', "attempt to compare nil with number" },
   }
   for _, case in ipairs(cases) do
     check.raises(case[2], xml.sax.parseStr, case[1], select(2, recorder()))
@@ -120,8 +102,7 @@ check.test("Sax.RaisesOnMalformedDocuments", function()
 end)
 
 check.test("Sax.InputEndingInsideATagReportsNoStart", function()
-  -- Whichever way a tag is read, a tag end that is the input's last
-  -- character is never reached.
+  -- A tag end that is the input's last character is never reached.
   for _, content in ipairs({ "<r><a>", "<r><a x='1'>", "<r><p:a>" }) do
     local events, callbacks = recorder()
     check.raises("Parsing ended with unclosed elements", xml.sax.parseStr, content, callbacks)
