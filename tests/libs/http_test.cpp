@@ -25,12 +25,14 @@ class HttpLib : public ::testing::Test {
   static void TearDownTestSuite() { servers_.reset(); }
   void SetUp() override { rt_ = lua::RunTime::Create(); }
 
-  // Runs the script with PEER and NGINX replaced by the servers' base URLs;
+  // Runs the script with PEER, NGINX and SECURE replaced by the servers' base
+  // URLs and ROOT by their folder;
   // returns its first result as text, or the error text.
   std::string Run(std::string code) {
     for (auto [name, base] : {std::pair<std::string, std::string>{"PEER", servers_->peer.Url("")},
                               {"NGINX", servers_->site.HttpUrl("")},
-                              {"SECURE", servers_->site.HttpsUrl("127.0.0.1", "")}}) {
+                              {"SECURE", servers_->site.HttpsUrl("127.0.0.1", "")},
+                              {"ROOT", servers_->dir.Path()}}) {
       for (size_t at; (at = code.find(name)) != std::string::npos;) code.replace(at, name.size(), base);
     }
     const int top = rt_->StackTopIndex();
@@ -148,21 +150,16 @@ TEST_F(HttpLib, FilesCarryBodiesAndReplaceTheirTargetOnlyOnSuccess) {
   const std::string dir = servers_->dir.Path() + "/lua-files";
   mkdir(dir.c_str(), 0755);
   nettest::WriteFile(dir + "/kept", "old");
-  const std::string script =
-      "local function read(path) local f = io.open(path, 'rb') local t = f:read('a') f:close() return t end\n"
-      "local r = http.request{url = 'NGINX/files/1000000', outputFile = 'DIR/new'}\n"
-      "local body = read('DIR/new')\n"
-      "local parts = {r.code, #r.output, #body, tostring(body == read('ROOT/www/files/1000000')), "
-      "math.type(r.timeMs)}\n"
-      "for _, url in ipairs{'PEER/close-mid-body', 'NGINX/nothing'} do\n"
-      "  local ok, res = http.get{url = url, outputFile = 'DIR/kept'}\n"
-      "  parts[#parts + 1] = tostring(ok and res.code) .. ':' .. read('DIR/kept')\n"
-      "end\n"
-      "return table.concat(parts, ',')";
-  std::string code = script;
-  for (size_t at; (at = code.find("DIR")) != std::string::npos;) code.replace(at, 3, dir);
-  for (size_t at; (at = code.find("ROOT")) != std::string::npos;) code.replace(at, 4, servers_->dir.Path());
-  EXPECT_EQ(Run(code), "200,0,1000000,true,integer,false:old,404:old");
+  EXPECT_EQ(Run("local function read(path) local f = io.open(path, 'rb') local t = f:read('a') f:close() return t end\n"
+                "local r = http.request{url = 'NGINX/files/1000000', outputFile = 'ROOT/lua-files/new'}\n"
+                "local body = read('ROOT/lua-files/new')\n"
+                "local parts = {r.code, #r.output, #body, tostring(body == read('ROOT/www/files/1000000'))}\n"
+                "for _, url in ipairs{'PEER/close-mid-body', 'NGINX/nothing'} do\n"
+                "  local ok, res = http.get{url = url, outputFile = 'ROOT/lua-files/kept'}\n"
+                "  parts[#parts + 1] = tostring(ok and res.code) .. ':' .. read('ROOT/lua-files/kept')\n"
+                "end\n"
+                "return table.concat(parts, ',')"),
+            "200,0,1000000,true,false:old,404:old");
   // Nothing half-written is left beside the targets.
   EXPECT_EQ(Run("local n = 0 for _ in io.popen('ls " + dir + "'):lines() do n = n + 1 end return n"), "2");
   EXPECT_EQ(Raised("http.get", "{url = 'NGINX/x', outputFile = 'a\\0b'}"),
@@ -171,13 +168,10 @@ TEST_F(HttpLib, FilesCarryBodiesAndReplaceTheirTargetOnlyOnSuccess) {
 
 TEST_F(HttpLib, RequestAllRunsRequestsSideBySideInOrder) {
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(Run("local list = {}\n"
-                "for i = 1, 200 do list[i] = {url = 'PEER/sleep?200&' .. i} end\n"
+  EXPECT_EQ(Run("local list = {} for i = 1, 200 do list[i] = {url = 'PEER/sleep?200&' .. i} end\n"
                 "local results = http.requestAll(list, {concurrency = 200})\n"
-                "for i = 1, 200 do\n"
-                "  local r = results[i]\n"
-                "  if r.code ~= 200 or r.output ~= tostring(i) or r.timeMs < 200 then return i .. ' ' .. "
-                "tostring(r.error) end\n"
+                "for i, r in ipairs(results) do\n"
+                "  if r.code ~= 200 or r.output ~= tostring(i) or r.timeMs < 200 then return r.error or i end\n"
                 "end\n"
                 "return #results"),
             "200");
