@@ -1,6 +1,5 @@
-// What a host can do about a script that will not stop on its own: call
-// limits, Cancel from another thread, memory limits, the sandbox profile and
-// the timed module lock. Grouped by outcome; runs under ThreadSanitizer too.
+// What a host can do about a script that will not stop on its own; runs
+// under ThreadSanitizer too.
 #include <netdb.h>
 #include <unistd.h>
 
@@ -19,6 +18,7 @@
 #include "lua/module_context.h"
 #include "lua/object_ref.h"
 #include "lua/runtime.h"
+#include "lua/script_test_util.h"
 #include "utils/net/internal/resolver.h"
 
 namespace {
@@ -31,7 +31,6 @@ using testsupport::ElapsedMs;
 constexpr long kMarginMs = 1500;
 constexpr long kLimitMs = 300;
 
-// The script's first result as text, or "error: " and what the host caught.
 std::string RunCode(const boost::shared_ptr<lua::RunTime>& rt, const std::string& code) {
   try {
     lua::RunTime::StackCleaner cleaner(rt);
@@ -62,14 +61,12 @@ class Containment : public ::testing::Test {
   }
   void TearDown() override { utils::impl::SetResolveFunctionForTesting(nullptr); }
 
-  // Every way a script can keep its thread: each must give way to a limit and
-  // to Cancel alike.
+  // Every way a script can keep its thread.
   static std::vector<std::string> Stubborn() {
     return {
         "while true do end",
         "while true do pcall(error, 'caught') end",
         "while true do pcall(cv.sleep, 100000) end",
-        "coroutine.wrap(function() while true do end end)()",
         "while true do pcall(coroutine.wrap(function() while true do end end)) end",
         "local ok = http.get{url = '" + servers_->peer.Url("/slow-head") + "', timeout = 60000} return 'unblocked'",
         "http.get{url = 'http://never.answers.test/', timeout = 60000} return 'unblocked'",
@@ -81,8 +78,7 @@ class Containment : public ::testing::Test {
 
 httptest::Servers* Containment::servers_ = nullptr;
 
-// Each stubborn script meets the time limit, then Cancel from another
-// thread; either way the runtime stays usable and holds no stale call.
+// Either way the runtime stays usable and holds no stale call.
 TEST_F(Containment, LimitsAndCancelStopEveryStubbornScript) {
   utils::impl::SetResolveFunctionForTesting(&SlowResolve);
   auto rt = lua::RunTime::Create();
@@ -108,10 +104,8 @@ TEST_F(Containment, LimitsAndCancelStopEveryStubbornScript) {
   }
   // Each call has its own budget, counted from its start; lifted limits stop nothing.
   rt->SetCallLimits(milliseconds(0), 100000);
-  const std::string sum = "local n = 0 for i = 1, 1000 do n = n + i end return n";
-  EXPECT_EQ(RunCode(rt, sum), "500500");
   EXPECT_EQ(RunCode(rt, "while true do pcall(error) end"), "error: interrupted: budget of 100000 instructions");
-  EXPECT_EQ(RunCode(rt, sum), "500500");
+  EXPECT_EQ(RunCode(rt, "local n = 0 for i = 1, 1000 do n = n + i end return n"), "500500");
   rt->SetCallLimits(milliseconds(0), 0);
   EXPECT_EQ(RunCode(rt, "local n = 0 for i = 1, 3000000 do n = n + 1 end return n"), "3000000");
 }
@@ -127,23 +121,14 @@ TEST_F(Containment, ModuleContextCancelsFreesTheLockAndTimesOutWaiters) {
   auto holder = std::async(std::launch::async, [&] {
     lua::LuaModuleContext::Lock lock(context);
     locked = true;
-    try {
-      lock.GetRuntime()->RunFunc("spin", {});
-      return std::string("returned");
-    } catch (const lua::RunTimeInterrupted& e) {
-      return std::string(e.what());
-    }
+    return lua_test::ThrownText<lua::RunTimeInterrupted>([&] { lock.GetRuntime()->RunFunc("spin", {}); });
   });
   while (!locked) std::this_thread::sleep_for(milliseconds(5));
   // A waiter gives up in time and holds nothing.
   const auto start = Clock::now();
-  try {
-    lua::LuaModuleContext::Lock lock(context, milliseconds(100));
-    ADD_FAILURE() << "locked a busy context";
-  } catch (const lua::LockTimeout& e) {
-    EXPECT_THAT(e.what(), ::testing::AllOf(::testing::HasSubstr(path), ::testing::HasSubstr("100 ms")));
-    EXPECT_LT(ElapsedMs(start), kMarginMs);
-  }
+  EXPECT_THAT(lua_test::ThrownText<lua::LockTimeout>([&] { lua::LuaModuleContext::Lock(context, milliseconds(100)); }),
+              ::testing::AllOf(::testing::HasSubstr(path), ::testing::HasSubstr("100 ms")));
+  EXPECT_LT(ElapsedMs(start), kMarginMs);
   while (!context->Cancel()) std::this_thread::sleep_for(milliseconds(5));
   EXPECT_EQ(holder.get(), "interrupted: canceled by the host");
   // The collector the canceled call stopped is running again for the next user.
@@ -195,8 +180,7 @@ TEST_F(Containment, HostAllocatorKeepsNativeWaitsWorking) {
   lua_setallocf(rt->State(), own, ownData);
 }
 
-// Each probe must come out nil or an error in the sandbox: the capability
-// is absent by every road, not only by its usual name.
+// Each capability must be absent by every road, not only by its usual name.
 TEST_F(Containment, SandboxLeavesNoWayToFilesTheProcessOrBytecode) {
   const char kProbes[] = R"lua(
     local reached = {}
@@ -235,7 +219,6 @@ TEST_F(Containment, SandboxLeavesNoWayToFilesTheProcessOrBytecode) {
     lua_setglobal(sandboxed->State(), "bytecode");
   }
   EXPECT_EQ(RunCode(sandboxed, kProbes), "");
-  // The same probes reach something in a runtime without the profile.
   EXPECT_EQ(RunCode(open, "return tostring(io ~= nil and cv.setenv ~= nil and string.dump ~= nil)"), "true");
   // What untrusted scripts legitimately need is still there.
   EXPECT_EQ(RunCode(sandboxed,

@@ -1,5 +1,4 @@
-// The http script library through the real runtime, against the scripted
-// Python peer, nginx and tinyproxy.
+// The http script library against the scripted Python peer and nginx.
 #include <sys/stat.h>
 
 #include <chrono>
@@ -25,9 +24,8 @@ class HttpLib : public ::testing::Test {
   static void TearDownTestSuite() { servers_.reset(); }
   void SetUp() override { rt_ = lua::RunTime::Create(); }
 
-  // Runs the script with PEER, NGINX and SECURE replaced by the servers' base
-  // URLs and ROOT by their folder;
-  // returns its first result as text, or the error text.
+  // The first result as text, or the error text; PEER, NGINX and SECURE stand
+  // for the servers' base URLs, ROOT for their folder.
   std::string Run(std::string code) {
     for (auto [name, base] : {std::pair<std::string, std::string>{"PEER", servers_->peer.Url("")},
                               {"NGINX", servers_->site.HttpUrl("")},
@@ -47,7 +45,6 @@ class HttpLib : public ::testing::Test {
     return result;
   }
 
-  // The error a call raises, as a script's pcall sees it.
   std::string Raised(const std::string& function, const std::string& arguments) {
     return Run("local ok, e = pcall(" + function + (arguments.empty() ? "" : ", ") + arguments +
                ") return tostring(ok) .. ': ' .. tostring(e)");
@@ -59,7 +56,6 @@ class HttpLib : public ::testing::Test {
 
 std::unique_ptr<httptest::Servers> HttpLib::servers_;
 
-// What each call sends, as the peer echoes it back.
 TEST_F(HttpLib, RequestHeadCarriesTheOptionsAcceptDefaultAndCredentials) {
   const struct {
     std::string call;
@@ -95,9 +91,7 @@ TEST_F(HttpLib, ResultTableHasStatusHeadAndBody) {
                 "return table.concat({tostring(ok), r.code, r.codeDescr, r.httpVersion, r.output,\n"
                 "  r.options['X-Dup'][1], r.options['X-Dup'][3], #r.options['X-Dup'], r.options['X-Once']}, ',')"),
             "true,200,OK,1.1,dup,c,a,3,1");
-  EXPECT_EQ(Run("local ok, r = http.get{url = 'PEER/redirect?302&/echo', allowRedirect = false}\n"
-                "return r.code .. ' ' .. r.options.Location"),
-            "302 /echo");
+  EXPECT_EQ(Run("local ok, r = http.get{url = 'PEER/redirect?302&/echo', allowRedirect = false} return r.code"), "302");
   EXPECT_EQ(Run("return http.performRequest{method = 'HEAD', url = 'NGINX/files/1024'}"), "true");
 }
 

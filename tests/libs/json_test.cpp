@@ -1,5 +1,4 @@
-// The json script library through a real runtime. The examples of
-// docs/json.md run as a test too; the cases here go beyond them.
+// The json script library beyond the examples of docs/json.md, which run too.
 #include <pthread.h>
 #include <unistd.h>  // truncate
 
@@ -34,8 +33,7 @@ class JsonLib : public lua_test::ScriptTest {
   }
 
  public:
-  // Runs `code` with `arg` in the global ARG: the results' tostring() texts
-  // joined by " | ".
+  // The results of `code` joined by " | ", with `arg` in the global ARG.
   std::string Run(const std::string& code, const std::string& arg = std::string()) {
     lua_pushlstring(rt_->State(), arg.data(), arg.size());
     lua_setglobal(rt_->State(), "ARG");
@@ -77,8 +75,7 @@ TEST_F(JsonLib, CorpusValidTextsDecodeAndInvalidOnesReportWhere) {
   EXPECT_GT(invalid, 50);
 }
 
-// Each text decoded and written again, or the error that names the cause
-// and the offset.
+// Each text decoded and written again, or the error naming cause and offset.
 TEST_F(JsonLib, DecodingKeepsKindsAndValuesOrNamesTheCauseAndTheOffset) {
   const Cases cases = {
       {"", "unexpected end of text at byte offset 0"},
@@ -121,9 +118,8 @@ TEST_F(JsonLib, LongContainersKeepEveryPosition) {
             "true");
 }
 
-// Random tables of every kind of key, annotated or not, nested: each is
-// written without losing a key, or refused saying why. Hash-part key order
-// changes with the string hash seed, so many tables are needed.
+// Random tables are written without losing a key, or refused saying why; many,
+// as the hash-part key order changes with the string hash seed.
 TEST_F(JsonLib, RandomMixedTablesKeepEveryKey) {
   EXPECT_EQ(Run("local keys = {1, 2, 3, 4, 7, 40, 1000000000, 0, -1, 1.5, 'x', 'y', ''} "
                 "local values = {0, -7, 2.5, 'v', true, json.null} "
@@ -152,7 +148,6 @@ TEST_F(JsonLib, RandomMixedTablesKeepEveryKey) {
             "kept");
 }
 
-// The writer's choices and refusals beyond the documented examples.
 TEST_F(JsonLib, ScriptTablesAreWrittenByTheirAnnotationOrTheirKeys) {
   ExpectAll({
       {"return json.encode({[40] = 1}), json.encode({[3] = 1, [1] = 1})", "{\"40\":1} | [1,null,1]"},
@@ -174,15 +169,13 @@ TEST_F(JsonLib, ScriptTablesAreWrittenByTheirAnnotationOrTheirKeys) {
   });
 }
 
-// Decoding lists its tables and records them in the table of metadata only
-// when somebody reads it; every way of reading must see them.
+// Decoded tables are recorded in the metadata when it is read; every reader sees them.
 TEST_F(JsonLib, DecodedTablesAreAnnotatedForEveryReader) {
   ExpectAll({
       {"local t = json.decode('[[],{}]') local m = json['_$meta'] return m[t].type .. m[t[1]].type .. m[t[2]].type",
        "110"},
       {"local t = json.decode('{}') json['_$meta'][t] = {type = 1} return json.encode(t)", "[]"},
-      // Documents nobody asked about leave nothing behind once collected (a
-      // leak grows the heap by megabytes a round, the bookkeeping by < 1 MiB).
+      // Unread documents leave nothing behind (a leak costs megabytes a round).
       {"local text = json.encode((function() local t = {} for i = 1, 1000 do t[i] = {i} end return t end)()) "
        "local function round() for i = 1, 200 do json.decode(text) end "
        "  collectgarbage() collectgarbage() return collectgarbage('count') end "
@@ -230,8 +223,7 @@ TEST_F(JsonLib, FilesAndStorage) {
            "json.storage: cannot encode NaN or infinity"},
       },
       path);
-  // debug.getmetatable reaches "__gc": a handle released by hand refuses its
-  // methods, and neither a second call nor the collector destroys it again.
+  // A handle released by hand refuses its methods and is never destroyed again.
   EXPECT_EQ(Run("local s = json.storage(ARG) local keys, gc = s.keys, debug.getmetatable(s).__gc "
                 "gc(s) gc(s) gc(io.stdout) collectgarbage() return select(2, pcall(keys, s))",
                 dir.File("released.json")),

@@ -1,6 +1,4 @@
-// The "xml" library as a runtime opens it: the script-level suites and the
-// comparison with lua-expat, run through the real runtime, and what only the
-// host sees (the library value, parse errors as exceptions, the stack).
+// The xml script suites, the comparison with lua-expat, and what only the host sees.
 #include <string>
 
 #include <gmock/gmock.h>
@@ -19,10 +17,13 @@ class XmlLib : public lua_test::ScriptTest {
   }
 };
 
-// A failing suite raises, naming the test.
-TEST_F(XmlLib, ScriptSuitesPass) { Eval("dofile('" CORVANE_SOURCE_DIR "/tests/libs/xml/run.lua')"); }
+TEST_F(XmlLib, ScriptSuitesPass) {
+  Eval("dofile('" CORVANE_SOURCE_DIR "/tests/libs/xml/run.lua')");
+}
 
-TEST_F(XmlLib, EventsAgreeWithLuaExpat) { Eval("dofile('" CORVANE_SOURCE_DIR "/tests/libs/xml/expat_compare.lua')"); }
+TEST_F(XmlLib, EventsAgreeWithLuaExpat) {
+  Eval("dofile('" CORVANE_SOURCE_DIR "/tests/libs/xml/expat_compare.lua')");
+}
 
 TEST_F(XmlLib, EachRuntimeHasItsOwnTableTheTextReturns) {
   EXPECT_EQ(Eval("return rawequal(xml, package.loaded.xml), rawequal(xml, require('xml')), type(xml.sax.parseStr)"),
@@ -37,7 +38,6 @@ TEST_F(XmlLib, ParseErrorsReachTheHostWithTheLibraryTextAndLeaveTheRuntimeUsable
   const auto input = rt_->ObjectAtStackTop();
   const auto parse = rt_->GetGlobalObject("xml")->AsTableRef()->Get("dom")->AsTableRef()->Get("parseStr");
   const int before = rt_->StackTopIndex();
-  // The position is a line of the library text, then the message.
   EXPECT_THAT(lua_test::ThrownText([&] { rt_->RunFunc(parse, {input}); }),
               ::testing::ContainsRegex("^Lua: .*\\]:[0-9]+: Parsing ended with unclosed elements"));
   // Only the error value stays, for the caller's StackCleaner to drop.

@@ -1,5 +1,4 @@
--- Node trees: their shape, the lookups scripts make on them, editing, errors.
--- docs/xml.md's examples cover the usual document, parseFile and a simple edit.
+-- Node trees beyond docs/xml.md's examples: shape, lookups, editing, errors.
 local xml, check = ...
 
 check.test("Dom.NodesJoinMixedTextReachChildrenByNameAndLeaveGlobals", function()

@@ -40,7 +40,6 @@ end
 
 local function space() return pick({ "", " ", "  ", "\n\t" }) end
 
--- scope: prefixes declared so far (name -> true), inherited by copying.
 local function element(depth, scope, out)
   local inner, attributes, declared, used = {}, {}, {}, {}
   for prefix in pairs(scope) do inner[prefix] = true end
@@ -75,11 +74,8 @@ local function element(depth, scope, out)
   for _, attribute in ipairs(attributes) do head = head .. " " .. space() .. attribute end
   head = head .. space()
 
-  if depth > 4 or chance(20) then
-    out[#out + 1] = head .. "/>"
-    return
-  end
-  out[#out + 1] = head .. ">"
+  out[#out + 1] = head .. ((depth > 4 or chance(20)) and "/>" or ">")
+  if out[#out]:sub(-2) == "/>" then return end
   for _ = 1, random(6) - 1 do
     local kind = random(10)
     if kind <= 4 then

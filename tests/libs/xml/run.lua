@@ -1,5 +1,4 @@
--- Runs the xml library's script-level suites with a small assertion helper;
--- raises on the first failing test, naming it.
+-- Runs the xml script suites; raises on the first failing test, naming it.
 local dir = debug.getinfo(1, "S").source:match("^@(.*/)") or "./"
 local check = {}
 

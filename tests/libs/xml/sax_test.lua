@@ -1,8 +1,7 @@
 -- Event parser: the events a document author sees, in order, and every error.
 local xml, check = ...
 
--- Each callback's arguments at a fixed arity, so that a missing namespace or
--- prefix shows as "nil" wherever the parser leaves it out.
+-- Fixed arities, so a namespace or prefix left out shows as "nil".
 local ARITY = { start = 3, attr = 4, close = 3, text = 1, comment = 1, pi = 2 }
 
 local function recorder()
@@ -34,8 +33,7 @@ check.test("Sax.TextIsReportedOnceBetweenConstructs", function()
   })
 end)
 
--- Resolution itself is compared with lua-expat (expat_compare.lua); this is
--- what only we report: prefixes, and a declaration's scope ending.
+-- Resolution is compared with lua-expat; prefixes and scope ends are ours alone.
 check.test("Sax.NamespacesReportTheirPrefixes", function()
   local content = '<r xmlns:p="urn:p"><p:s xmlns:p="urn:s" p:a="1" b="2"><p:i/></p:s><p:e/><t xml:lang="en"/></r>'
   check.equal(eventsOf(content), {
@@ -47,8 +45,7 @@ check.test("Sax.NamespacesReportTheirPrefixes", function()
   })
 end)
 
--- Well-formed references are compared with lua-expat; these are the ones it
--- refuses, which we pass through or decode all the same.
+-- References lua-expat refuses, which we pass through or decode all the same.
 check.test("Sax.LenientReferencesInTextAndAttributeValues", function()
   local cases = {
     { "&#x1FFFFF;|&#x200000;|&#xFFFF;|&#0065;|&#X41;", "\xF7\xBF\xBF\xBF|&#x200000;|\xEF\xBF\xBF|A|A" },
@@ -61,18 +58,6 @@ check.test("Sax.LenientReferencesInTextAndAttributeValues", function()
                 { "start|a|nil|nil", "text|" .. expected, "close|a|nil|nil" }, input)
     check.equal(eventsOf('<a v="' .. input .. '"/>')[2], "attr|v|" .. expected .. "|nil|nil", input)
   end
-end)
-
-check.test("Sax.NoCallbacksPrintATrace", function()
-  local lines = {}
-  local savedPrint = print
-  print = function(line) lines[#lines + 1] = line end
-  local ok, message = pcall(xml.sax.parseStr, '<?pi data?><!--c--><p:a xmlns:p="u" x="1">t</p:a>')
-  print = savedPrint
-  assert(ok, message)
-  check.equal(lines, {
-    "<?pi data?>", "<!-- c -->", "<p:a>", '  xmlns:p="u"', '  x="1"', '  text: "t"', "</a>",
-  })
 end)
 
 check.test("Sax.RaisesOnMalformedDocuments", function()

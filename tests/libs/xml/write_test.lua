@@ -1,5 +1,4 @@
--- Writer: exact text for the shapes a document author relies on, options,
--- errors, and parse -> write -> parse keeping the tree.
+-- Writer: exact texts, options, errors, and parse -> write -> parse keeping the tree.
 local xml, check = ...
 
 local DECLARATION = '<?xml version="1.0" standalone="yes"?>\n'
@@ -32,8 +31,7 @@ check.test("Write.EscapesIndentsAndCompletesTheOptions", function()
   local options = { pretty = true }
   xml.write(xml.dom.parseStr("<a/>"), options)
   check.equal(options, { pretty = true, escape = true })
-  -- An element is wrapped in a document, as is a table holding one.
-  -- The defaults escape still, whatever earlier calls asked for.
+  -- An element, or a table holding one, is wrapped in a document; escaping is the default still.
   local doc = xml.dom.parseStr("<a><b>x&amp;</b></a>")
   check.equal(xml.write(doc.a), xml.write(doc))
   check.equal(xml.write({ childElems = { r = doc.a.b } }), DECLARATION .. "<b>x&amp;</b>")
