@@ -26,8 +26,7 @@ TEST_F(XmlLib, EventsAgreeWithLuaExpat) {
 }
 
 TEST_F(XmlLib, EachRuntimeHasItsOwnTableTheTextReturns) {
-  EXPECT_EQ(Eval("return rawequal(xml, package.loaded.xml), rawequal(xml, require('xml')), type(xml.sax.parseStr)"),
-            "true | true | function");
+  EXPECT_EQ(Eval("return rawequal(xml, require('xml'))"), "true");
   Eval("xml.dom = nil");
   EXPECT_EQ(lua_test::Eval(lua::RunTime::Create(), "return type(xml.dom)"), "table");
 }

@@ -72,12 +72,3 @@ check.test("Sax.RaisesOnMalformedDocuments", function()
     check.raises(case[2], xml.sax.parseStr, case[1], select(2, recorder()))
   end
 end)
-
-check.test("Sax.InputEndingInsideATagReportsNoStart", function()
-  -- A tag end that is the input's last character is never reached.
-  for _, content in ipairs({ "<r><a>", "<r><a x='1'>", "<r><p:a>" }) do
-    local events, callbacks = recorder()
-    check.raises("Parsing ended with unclosed elements", xml.sax.parseStr, content, callbacks)
-    check.equal(events, { "start|r|nil|nil" }, content)
-  end
-end)
