@@ -184,7 +184,7 @@ TEST_F(Containment, SandboxLeavesNoWayToFilesTheProcessOrBytecode) {
       "cv.setenv", "package.loaded.cv.setenv", "cv.expand_path", "cv.get_dir_contents",
       "cv.get_devfile_numbers", "cv.get_disk_space_info", "json.load", "json.save", "json.storage",
       "package.loaded.json.save", "xml.sax.parseFile", "xml.dom.parseFile",
-      "load(bytecode)", "load(bytecode, 'x', 'b')",
+      "load(bytecode)", "load(bytecode, 'x', 'b')", "load(bytecode, 'x', 'b', _ENV)",
       "load(function() local b = bytecode bytecode = nil return b end)",
       "collectgarbage('stop')", "collectgarbage('setpause', 1000)",
       "setmetatable({}, {__gc = function() while true do end end})",
