@@ -15,9 +15,7 @@ class Base64Lib : public lua_test::ScriptTest {
   static void SetUpTestSuite() { lua::RegisterBase64Lib(); }
 };
 
-// The encoding itself is checked against OpenSSL in the utils tests, and
-// RFC 4648's vectors are among the examples of docs/base64.md; here strings
-// and byte arrays must travel both ways unchanged, and bad text give nil.
+// The encoding itself is checked in the utils tests and the docs examples.
 TEST_F(Base64Lib, StringsAndByteArraysRoundTrip) {
   EXPECT_EQ(Eval("local data = '' for i = 0, 600 do data = data .. string.char((i * 37) % 256) end "
                  "for n = 1, #data, 31 do local d = data:sub(1, n) local s = base64.encode(d) "
@@ -31,11 +29,9 @@ TEST_F(Base64Lib, StringsAndByteArraysRoundTrip) {
             "1466668 | 1100000");
   EXPECT_EQ(Eval("return base64.encode({}), base64.decode('', true), math.type(base64.decode('AP//', true)[3])"),
             "nil | nil | integer");
-  for (const char* text : {"SGk*", "S", "SGk=SGk=", "SG\\nk=", "====", "SGk==="}) {
-    EXPECT_EQ(Eval(std::string("return base64.decode('") + text + "'), base64.decode('" + text + "', true)"),
-              "nil | nil")
-        << text;
-  }
+  EXPECT_EQ(Eval("for _, s in ipairs({'SGk*', 'S', 'SGk=SGk=', 'SG\\nk=', '====', 'SGk==='}) do "
+                 "  if base64.decode(s) or base64.decode(s, true) then return s end end return 'all refused'"),
+            "all refused");
 }
 
 TEST_F(Base64Lib, ArgumentErrorsUseTheirExactTexts) {

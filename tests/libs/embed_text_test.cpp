@@ -3,14 +3,11 @@
 #include <gtest/gtest.h>
 
 #include "embedded_tricky.h"
-#include "embedded_xml.h"
 #include "support/shared.h"
 
 namespace {
 
 TEST(EmbedText, HeaderHoldsTheFileByteForByte) {
-  EXPECT_EQ(std::string(corvane_test::kXmlText, sizeof(corvane_test::kXmlText) - 1),
-            testsupport::ReadWholeFile(CORVANE_SOURCE_DIR "/lua/libs/xml.lua"));
   EXPECT_EQ(std::string(kTrickyText, sizeof(kTrickyText) - 1),
             testsupport::ReadWholeFile(CORVANE_SOURCE_DIR "/tests/libs/fixtures/embed_tricky.txt"));
 }

@@ -1,8 +1,5 @@
-// The "xml" library as a runtime opens it: the script-level suites and the
-// comparison with lua-expat, run through the real runtime, and what only the
-// host sees (the library value, parse errors as exceptions, the stack).
+// The xml script suites, the comparison with lua-expat, and what only the host sees.
 #include <string>
-#include <utility>
 
 #include <gmock/gmock.h>
 
@@ -18,49 +15,32 @@ class XmlLib : public lua_test::ScriptTest {
     lua::RegisterXmlLib();
     lua::RegisterXmlLib();
   }
-
-  // Runs a script file; its failure message becomes the test's.
-  void RunScript(const std::string& name) {
-    lua::RunTime::StackCleaner cleaner(rt_);
-    try {
-      rt_->RunFile(CORVANE_SOURCE_DIR "/tests/libs/xml/" + name, false);
-    } catch (const lua::RunTimeError& e) {
-      ADD_FAILURE() << e.what();
-    }
-  }
 };
 
-TEST_F(XmlLib, ScriptSuitesPass) { RunScript("run.lua"); }
+TEST_F(XmlLib, ScriptSuitesPass) {
+  Eval("dofile('" CORVANE_SOURCE_DIR "/tests/libs/xml/run.lua')");
+}
 
-TEST_F(XmlLib, EventsAgreeWithLuaExpat) { RunScript("expat_compare.lua"); }
+TEST_F(XmlLib, EventsAgreeWithLuaExpat) {
+  Eval("dofile('" CORVANE_SOURCE_DIR "/tests/libs/xml/expat_compare.lua')");
+}
 
 TEST_F(XmlLib, EachRuntimeHasItsOwnTableTheTextReturns) {
-  // The text's own table, not a library table built around it.
-  EXPECT_EQ(Eval("local n = 0 for _ in pairs(xml) do n = n + 1 end "
-                 "return rawequal(xml, package.loaded.xml), rawequal(xml, require('xml')), n, "
-                 "type(xml.sax.parseStr), type(xml.dom.parseStr), type(xml.write)"),
-            "true | true | 3 | function | function | function");
+  EXPECT_EQ(Eval("return rawequal(xml, require('xml'))"), "true");
   Eval("xml.dom = nil");
   EXPECT_EQ(lua_test::Eval(lua::RunTime::Create(), "return type(xml.dom)"), "table");
 }
 
 TEST_F(XmlLib, ParseErrorsReachTheHostWithTheLibraryTextAndLeaveTheRuntimeUsable) {
-  for (const auto& c : {std::pair<std::string, std::string>{"<p:a/>", "Cannot find namespace for prefix p"},
-                        {"<a><b></b>", "Parsing ended with unclosed elements"},
-                        {"<a/><b/>", "Encountered element 'b' when the document already has a root 'a' element"}}) {
-    lua::RunTime::StackCleaner cleaner(rt_);
-    lua_pushlstring(rt_->State(), c.first.data(), c.first.size());
-    const auto input = rt_->ObjectAtStackTop();
-    const auto parse = rt_->GetGlobalObject("xml")->AsTableRef()->Get("dom")->AsTableRef()->Get("parseStr");
-    const int before = rt_->StackTopIndex();
-    // The position is a line of the library text, then the message.
-    EXPECT_THAT(lua_test::ThrownText([&] { rt_->RunFunc(parse, {input}); }),
-                ::testing::AllOf(::testing::StartsWith("Lua: "), ::testing::HasSubstr(c.second),
-                                 ::testing::ContainsRegex("\\]:[0-9]+: " + c.second.substr(0, 20))))
-        << c.first;
-    // Only the error value stays, for the caller's StackCleaner to drop.
-    EXPECT_EQ(rt_->StackTopIndex(), before + 1) << c.first;
-  }
+  lua::RunTime::StackCleaner cleaner(rt_);
+  lua_pushstring(rt_->State(), "<a><b></b>");
+  const auto input = rt_->ObjectAtStackTop();
+  const auto parse = rt_->GetGlobalObject("xml")->AsTableRef()->Get("dom")->AsTableRef()->Get("parseStr");
+  const int before = rt_->StackTopIndex();
+  EXPECT_THAT(lua_test::ThrownText([&] { rt_->RunFunc(parse, {input}); }),
+              ::testing::ContainsRegex("^Lua: .*\\]:[0-9]+: Parsing ended with unclosed elements"));
+  // Only the error value stays, for the caller's StackCleaner to drop.
+  EXPECT_EQ(rt_->StackTopIndex(), before + 1);
   EXPECT_EQ(Eval("return xml.dom.parseStr('<a>ok</a>').a['#text']"), "ok");
 }
 
