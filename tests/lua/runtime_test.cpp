@@ -71,6 +71,8 @@ TEST(RunTime, InitDataFormsAndPackagePaths) {
   }
   EXPECT_EQ(seen, "1,true x p,q  t1,t2 ");
   EXPECT_EQ(ThrownText([&] { rt->RunFile(path, Json::Value(5), false); }), "RunImpl(): invalid args type are passed");
+  EXPECT_EQ(ThrownText([&] { rt->RunFile(path + std::string("\0x", 2), false); }),
+            "RunFile(): path contains a NUL byte");
 
   const std::string packagePath = Eval(rt, "return package.path");
   const std::string exePattern = utils::GetProgramExeDir() + "?.lua";
