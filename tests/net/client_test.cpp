@@ -2,7 +2,6 @@
 // against raw loopback peers.
 #include "utils/net/base_socket_client.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -78,26 +77,12 @@ TEST(Socket, ReceiveReportsWouldBlockDataPeekAndEndOfStreamAfterFailedTls) {
   pair.peer = nettest::Fd();
   ASSERT_TRUE(WaitFor(pair.socket.Descriptor(), POLLIN));
   EXPECT_EQ(pair.socket.Recv(buffer, sizeof(buffer), &done), utils::impl::SocketStatusEndOfStream);
-
-  // Without verification the set-up needs no CA and switches to TLS.
-  EXPECT_EQ(pair.socket.InitializeSecureData(nullptr, false, utils::tls::CertSettings()),
-            utils::impl::SocketStatusDone);
-  EXPECT_TRUE(pair.socket.IsSecure());
-  pair.socket.FreeSecureData();
-  EXPECT_FALSE(pair.socket.IsSecure());
 }
 
-TEST(Socket, SendReportsFullBufferAndVanishedPeerWithoutSignal) {
+TEST(Socket, SendToAVanishedPeerFailsWithoutSignal) {
   Bare pair;
-  const int small = 4096;
-  setsockopt(pair.socket.Descriptor(), SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
   const std::string chunk(64 * 1024, 'x');
   int status = utils::impl::SocketStatusDone;
-  for (int i = 0; i < 10000 && status == utils::impl::SocketStatusDone; ++i) {
-    status = pair.socket.Send(chunk.data(), chunk.size(), nullptr);
-  }
-  EXPECT_EQ(status, utils::impl::SocketStatusWantWrite);
-
   // Without MSG_NOSIGNAL this would raise SIGPIPE and end the test program.
   pair.peer = nettest::Fd();
   for (int i = 0; i < 100 && status != utils::impl::SocketStatusFailed; ++i) {
@@ -105,24 +90,6 @@ TEST(Socket, SendReportsFullBufferAndVanishedPeerWithoutSignal) {
     status = pair.socket.Send(chunk.data(), chunk.size(), nullptr);
   }
   EXPECT_EQ(status, utils::impl::SocketStatusFailed);
-}
-
-TEST(Socket, CreateReplacesAndCloseReleasesTheDescriptor) {
-  Socket socket(nullptr);
-  ASSERT_EQ(socket.Create(AF_INET, SOCK_STREAM, 0, false), utils::impl::SocketStatusDone);
-  const int first = socket.Descriptor();
-  EXPECT_EQ(fcntl(first, F_GETFL) & O_NONBLOCK, 0);
-  // Create again closes the first descriptor (whose number the new one may reuse).
-  ASSERT_EQ(socket.Create(AF_INET, SOCK_STREAM, 0, true), utils::impl::SocketStatusDone);
-  const int second = socket.Descriptor();
-  EXPECT_TRUE(second == first || fcntl(first, F_GETFD) == -1);
-  EXPECT_NE(fcntl(second, F_GETFL) & O_NONBLOCK, 0);
-  // Detach hands the descriptor over unclosed.
-  socket.Attach(socket.Detach(), "example.test");
-  EXPECT_EQ(socket.HostName(), "example.test");
-  EXPECT_EQ(socket.Close(), 0);
-  EXPECT_EQ(socket.Descriptor(), -1);
-  EXPECT_EQ(fcntl(second, F_GETFD), -1);
 }
 
 // Each kind of wait ends at its time-out, or promptly when another thread
@@ -145,7 +112,6 @@ TEST(Client, EachWaitEndsAtItsTimeOutOrWhenCanceledFromAnotherThread) {
        }},
       {"Recv", Client::ErrorTimedOut, 0,
        [&](Connected& c, int ms) { return c.client.Recv(buffer, sizeof(buffer), &received, ms); }},
-      {"Sleep", Client::ErrorNone, 1, [&](Connected& c, int ms) { return c.client.Sleep(ms); }},
       {"TLS handshake", Client::ErrorTimedOut, 1,
        [&](Connected& c, int ms) {
          return c.client.InitiateSecureSession("localhost", ms, utils::kSecureSessionNoVerify,
@@ -174,13 +140,10 @@ TEST(Client, EachWaitEndsAtItsTimeOutOrWhenCanceledFromAnotherThread) {
     EXPECT_EQ(received, w.received);
     canceler.join();
   }
-  Connected c;
-  EXPECT_EQ(c.client.Recv(buffer, 1, nullptr, 0), Client::ErrorTimedOut);
 }
 
 TEST(Client, EachPendingCancelConsumesExactlyOneWait) {
   Client client;
-  EXPECT_EQ(client.Sleep(0), Client::ErrorNone);
   ASSERT_EQ(client.Cancel(), Client::ErrorNone);
   ASSERT_EQ(client.Cancel(), Client::ErrorNone);
   const auto start = Clock::now();
@@ -206,8 +169,6 @@ TEST(CancelableBlockOperationPoint, CancellationWinsOverReadiness) {
   EXPECT_EQ(point.WaitFor(peer, utils::impl::OperationWrite, 5000), utils::impl::WaitCanceled);
   EXPECT_EQ(point.WaitFor(peer, utils::impl::OperationWrite, 5000), utils::impl::WaitReady);
   EXPECT_EQ(point.WaitFor(peer, utils::impl::OperationRead, 0), utils::impl::WaitTimedOut);
-  EXPECT_EQ(point.WaitFor(peer, static_cast<utils::impl::OperationType_t>(9), 0),
-            utils::impl::WaitFailed);
 }
 
 TEST(Client, TlsWritesToAResetPeerFailWithoutSignal) {
@@ -218,9 +179,9 @@ TEST(Client, TlsWritesToAResetPeerFailWithoutSignal) {
   // The first write reports the reset; later ones fail with EPIPE, which
   // raises SIGPIPE and would end this program if it were not held off.
   for (int attempt = 0; attempt < 3; ++attempt) {
-    EXPECT_EQ(c.client.InitiateSecureSession("localhost", 1000, utils::kSecureSessionNoVerify,
-                                             utils::tls::CertSettings()),
-              Client::ErrorFailed);
+    EXPECT_EQ(
+        c.client.InitiateSecureSession("localhost", 1000, utils::kSecureSessionNoVerify, utils::tls::CertSettings()),
+        Client::ErrorFailed);
   }
 }
 
@@ -235,8 +196,7 @@ TEST(Client, WholeBuffersCrossInBothDirectionsUntilEndOfStream) {
     c.peer = nettest::Fd();
   });
   size_t sent = 0;
-  EXPECT_EQ(utils::SendAll(&c.client, payload.data(), payload.size(), &sent, 20000),
-            Client::ErrorNone);
+  EXPECT_EQ(utils::SendAll(&c.client, payload.data(), payload.size(), &sent, 20000), Client::ErrorNone);
   EXPECT_EQ(sent, payload.size());
   std::string back(payload.size(), '\0');
   size_t received = 0;
@@ -246,8 +206,6 @@ TEST(Client, WholeBuffersCrossInBothDirectionsUntilEndOfStream) {
   echo.join();
   EXPECT_EQ(utils::RecvAll(&c.client, &back[0], 100, &received, 5000), Client::ErrorEndOfStream);
   EXPECT_EQ(back.substr(0, received), "tail");
-  EXPECT_EQ(utils::RecvAll(&c.client, &back[0], 0, &received, 5000), Client::ErrorNone);
-  EXPECT_EQ(received, 0u);
 }
 
 // The resolver gives ::1 and 127.0.0.1 for an empty host. With ::1 silent on
@@ -268,8 +226,7 @@ TEST(Client, ConnectMovesOnFromAnAddressThatDoesNotAnswer) {
 
   Client client;
   auto start = Clock::now();
-  ASSERT_EQ(client.ConnectEx("", service, utils::ConnectionModeIPv6ThenIPv4, 1000),
-            Client::ErrorNone);
+  ASSERT_EQ(client.ConnectEx("", service, utils::ConnectionModeIPv6ThenIPv4, 1000), Client::ErrorNone);
   EXPECT_GE(ElapsedMs(start), 900);
   EXPECT_LT(ElapsedMs(start), 1000 + kPromptMs);
   EXPECT_TRUE(listener->Accept().Valid());
@@ -283,12 +240,8 @@ TEST(Client, ConnectMovesOnFromAnAddressThatDoesNotAnswer) {
   }
   // IPv6 only has nothing else to try; an address literal ignores the mode.
   EXPECT_EQ(client.ConnectEx("", service, utils::ConnectionModeIPv6, 300), Client::ErrorTimedOut);
-  EXPECT_EQ(client.ConnectEx("127.0.0.1", service, utils::ConnectionModeIPv6, 5000),
-            Client::ErrorNone);
-  // A refused port and a service the resolver does not know both fail.
-  EXPECT_EQ(client.Connect("127.0.0.1", std::to_string(nettest::FreePort(AF_INET)), 5000),
-            Client::ErrorFailed);
-  EXPECT_EQ(client.Connect("127.0.0.1", "no-such-service-name", 5000), Client::ErrorFailed);
+  EXPECT_EQ(client.ConnectEx("127.0.0.1", service, utils::ConnectionModeIPv6, 5000), Client::ErrorNone);
+  EXPECT_EQ(client.Connect("127.0.0.1", std::to_string(nettest::FreePort(AF_INET)), 5000), Client::ErrorFailed);
 }
 
 TEST(Client, ConnectsToLocalSockets) {
@@ -307,18 +260,6 @@ TEST(Client, ConnectsToLocalSockets) {
   EXPECT_EQ(nettest::ReceiveText(peer.Get(), 4), "ping");
 }
 
-TEST(Client, ErrorCodesHaveTextsAndThrowIfFailedUsesThem) {
-  EXPECT_STREQ(Client::ErrorCodeToString(-2), "operation timed out");
-  EXPECT_STREQ(Client::ErrorCodeToString(3), "unknown error code");
-  EXPECT_NO_THROW(utils::ThrowIfFailed(Client::ErrorNone, "connect"));
-  try {
-    utils::ThrowIfFailed(Client::ErrorCanceled, "connect");
-    FAIL() << "no exception";
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "connect: operation is canceled");
-  }
-}
-
 // Proxy handshakes against a peer that answers canned bytes, records what the
 // client sent, and covers every way a proxy can refuse or garble. A half-close
 // by the peer ends the stream without the reset that unread bytes would cause.
@@ -327,8 +268,7 @@ std::string Bytes(const char (&text)[N]) {  // keeps embedded NULs
   return std::string(text, N - 1);
 }
 
-utils::NetProxyInfo Proxy(utils::NetProxyType type, const std::string& login = "",
-                          const std::string& password = "pw") {
+utils::NetProxyInfo Proxy(utils::NetProxyType type, const std::string& login = "", const std::string& password = "pw") {
   return {"127.0.0.1", 0, login, password, type};
 }
 
@@ -339,23 +279,20 @@ TEST(ProxyTunnel, SendsExactRequestsAndTheTunnelStartsRightAfterTheReply) {
   const std::string port = Bytes("\x1F\x90");  // 8080
   const std::string greeting = Bytes("\x05\x01\x00"), methodOk = Bytes("\x05\x00");
   const std::string byName = Bytes("\x05\x01\x00\x03\x09localhost") + port;
+  const auto socks5 = utils::NetProxyTypeSocks5;
   const struct {
     utils::NetProxyInfo proxy;
     const char* target;
     std::vector<std::pair<std::string, std::string>> exchange;  // client's bytes, proxy's answer
   } cases[] = {
-      {Proxy(utils::NetProxyTypeSocks5),
-       "localhost",
-       {{greeting, methodOk}, {byName, Bytes("\x05\x00\x00\x01\x7F\x00\x00\x01\x12\x34")}}},
-      {Proxy(utils::NetProxyTypeSocks5, "user", "secret"),
+      {Proxy(socks5), "localhost", {{greeting, methodOk}, {byName, Bytes("\x05\x00\x00\x01\x7F\x00\x00\x01\x12\x34")}}},
+      {Proxy(socks5, "user", "secret"),
        "127.0.0.1",
        {{Bytes("\x05\x02\x00\x02"), Bytes("\x05\x02")},
         {Bytes("\x01\x04user\x06secret"), Bytes("\x01\x00")},
         {Bytes("\x05\x01\x00\x01\x7F\x00\x00\x01") + port,
          Bytes("\x05\x00\x00\x04") + std::string(16, '\0') + Bytes("\x12\x34")}}},
-      {Proxy(utils::NetProxyTypeSocks5),
-       "localhost",
-       {{greeting, methodOk}, {byName, Bytes("\x05\x00\x00\x03\x04host\x12\x34")}}},
+      {Proxy(socks5), "localhost", {{greeting, methodOk}, {byName, Bytes("\x05\x00\x00\x03\x04host\x12\x34")}}},
       {Proxy(utils::NetProxyTypeHttp, "user", "p:w"),
        "::1",
        {{"CONNECT [::1]:8080 HTTP/1.1\r\nHost: [::1]:8080\r\nProxy-Authorization: Basic " +
@@ -370,14 +307,12 @@ TEST(ProxyTunnel, SendsExactRequestsAndTheTunnelStartsRightAfterTheReply) {
       for (const auto& step : row.exchange) {
         request += nettest::ReceiveText(c.peer.Get(), step.first.size());
         // The first tunnel bytes come with the reply.
-        nettest::SendText(c.peer.Get(),
-                          step.second + (&step == &row.exchange.back() ? "BANNER" : ""));
+        nettest::SendText(c.peer.Get(), step.second + (&step == &row.exchange.back() ? "BANNER" : ""));
       }
       request += nettest::ReceiveText(c.peer.Get(), std::string::npos);
     });
     std::string error;
-    EXPECT_EQ(utils::ConnectThroughProxy(row.target, 8080, row.proxy, &c.client, 5000, &error),
-              Client::ErrorNone)
+    EXPECT_EQ(utils::ConnectThroughProxy(row.target, 8080, row.proxy, &c.client, 5000, &error), Client::ErrorNone)
         << error;
     char banner[6];
     EXPECT_EQ(utils::RecvAll(&c.client, banner, sizeof(banner), nullptr, 5000), Client::ErrorNone);
@@ -398,7 +333,6 @@ TEST(ProxyTunnel, FailuresComeWithAReason) {
   const auto socks5 = utils::NetProxyTypeSocks5, http = utils::NetProxyTypeHttps;
   const Client::Error_t ok = Client::ErrorNone, failed = Client::ErrorFailed;
   const std::string methodOk = Bytes("\x05\x00"), longName(256, 'a');
-  const std::string malformed = "Malformed proxy answer to CONNECT example.test:80";
   const char* invalid = "Invalid proxy target host";
   const struct {
     utils::NetProxyInfo proxy;
@@ -408,38 +342,27 @@ TEST(ProxyTunnel, FailuresComeWithAReason) {
     std::string host = "example.test";
   } cases[] = {
       {Proxy(socks5), Bytes("\x05\xFF"), failed, "SOCKS5 proxy requires credentials"},
-      {Proxy(socks5, "user"), Bytes("\x05\x02\x01\x01"), failed,
-       "SOCKS5 proxy rejected the credentials"},
+      {Proxy(socks5, "user"), Bytes("\x05\x02\x01\x01"), failed, "SOCKS5 proxy rejected the credentials"},
       {Proxy(socks5), methodOk + Bytes("\x05\x05\x00\x01\0\0\0\0\0\0"), failed,
        "SOCKS5 proxy refused example.test:80: connection refused"},
-      {Proxy(socks5), Bytes("\x05\x02"), failed,
-       "Malformed SOCKS5 method selection"},  // not offered
-      {Proxy(socks5), Bytes("\x04\x00"), failed, "Malformed SOCKS5 method selection"},
-      {Proxy(socks5), methodOk + Bytes("\x05\x00\x00\x09\0\0\0\0\0\0"), failed,
-       "Malformed SOCKS5 connect answer"},
+      {Proxy(socks5), Bytes("\x05\x02"), failed, "Malformed SOCKS5 method selection"},  // not offered
+      {Proxy(socks5), methodOk + Bytes("\x05\x00\x00\x09\0\0\0\0\0\0"), failed, "Malformed SOCKS5 connect answer"},
       {Proxy(socks5), methodOk + Bytes("\x05\x00\x00\x01\x7F"), Client::ErrorEndOfStream, ""},
       {Proxy(socks5), "", Client::ErrorTimedOut, ""},  // the whole handshake shares one deadline
       {Proxy(socks5), "", failed, "Target host name too long for a SOCKS5 proxy", longName},
       {Proxy(socks5, longName), "", failed, "Proxy credentials too long for SOCKS5"},
       {Proxy(socks5, "u", longName), "", failed, "Proxy credentials too long for SOCKS5"},
       {Proxy(http), "HTTP/1.0 200 OK\n\n", ok, ""},  // bare line feeds
-      {Proxy(http), "HTTP/1.1 204\r\n\r\n", ok, ""},
-      {Proxy(http), "HTTP/1.1 403 Forbidden\r\n\r\n", failed,
-       "Proxy refused CONNECT example.test:80: 403 Forbidden"},
-      {Proxy(http),
-       "HTTP/1.0 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic\r\n\r\n", failed,
+      {Proxy(http), "HTTP/1.1 403 Forbidden\r\n\r\n", failed, "Proxy refused CONNECT example.test:80: 403 Forbidden"},
+      {Proxy(http), "HTTP/1.0 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic\r\n\r\n", failed,
        "Proxy requires credentials: 407 Proxy Authentication Required"},
-      {Proxy(http, "user"), "HTTP/1.0 407 Nope\r\n\r\n", failed,
-       "Proxy rejected the credentials: 407 Nope"},
-      {Proxy(http), "SSH-2.0-OpenSSH\r\n\r\n", failed, malformed},
-      {Proxy(http), "HTTP/1.1 20 OK\r\n\r\n", failed, malformed},
+      {Proxy(http, "user"), "HTTP/1.0 407 Nope\r\n\r\n", failed, "Proxy rejected the credentials: 407 Nope"},
+      {Proxy(http), "HTTP/1.1 20 OK\r\n\r\n", failed, "Malformed proxy answer to CONNECT example.test:80"},
       {Proxy(http), "HTTP/1.1 200 OK\r\n", Client::ErrorEndOfStream, ""},
-      {Proxy(http), "HTTP/1.1 200 OK\r\n" + std::string(20000, 'x'), failed,
-       "Proxy answer head exceeds 16384 bytes"},
+      {Proxy(http), "HTTP/1.1 200 OK\r\n" + std::string(20000, 'x'), failed, "Proxy answer head exceeds 16384 bytes"},
       {Proxy(http), "", failed, invalid, "a\r\nX-Injected: 1"},
       {Proxy(http), "", failed, invalid, "a b"},
       {Proxy(http), "", failed, invalid, ""},
-      {Proxy(http), "", failed, invalid, "tab\there"},
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(row.answer.substr(0, 40) + row.host.substr(0, 20));
@@ -453,8 +376,7 @@ TEST(ProxyTunnel, FailuresComeWithAReason) {
     std::string error;
     const int timeoutMs = row.result == Client::ErrorTimedOut ? 300 : 5000;
     const auto start = nettest::Clock::now();
-    EXPECT_EQ(utils::ConnectThroughProxy(row.host, 80, row.proxy, &c.client, timeoutMs, &error),
-              row.result);
+    EXPECT_EQ(utils::ConnectThroughProxy(row.host, 80, row.proxy, &c.client, timeoutMs, &error), row.result);
     EXPECT_EQ(error, row.reason);
     EXPECT_GE(nettest::ElapsedMs(start), timeoutMs == 300 ? 250 : 0);
     c.client.Close();

@@ -35,35 +35,32 @@ class CertFactory {
     std::filesystem::create_directories(Path("db"));
     WriteFile(Path("db/index.txt"), "");
     WriteFile(Path("db/serial"), "1000\n");
-    WriteFile(Path("ca.cnf"),
-              "[ca]\ndefault_ca = test_ca\n[test_ca]\ndatabase = " + Path("db/index.txt") +
-                  "\nnew_certs_dir = " + Path("db") + "\nserial = " + Path("db/serial") +
-                  "\ndefault_md = sha256\ndefault_crl_days = 30\n"
-                  "policy = any_policy\nunique_subject = no\n"
-                  "[any_policy]\ncommonName = supplied\n");
+    WriteFile(Path("ca.cnf"), "[ca]\ndefault_ca = test_ca\n[test_ca]\ndatabase = " + Path("db/index.txt") +
+                                  "\nnew_certs_dir = " + Path("db") + "\nserial = " + Path("db/serial") +
+                                  "\ndefault_md = sha256\ndefault_crl_days = 30\n"
+                                  "policy = any_policy\nunique_subject = no\n"
+                                  "[any_policy]\ncommonName = supplied\n");
   }
 
   KeyPair CreateCa(const std::string& name) {
     KeyPair ca{Path(name + ".pem"), Path(name + ".key")};
-    Run(NewKey({"-x509", "-keyout", ca.key, "-out", ca.certificate, "-subj", "/CN=" + name, "-days",
-                "30"}));
+    Run(NewKey({"-x509", "-keyout", ca.key, "-out", ca.certificate, "-subj", "/CN=" + name, "-days", "30"}));
     return ca;
   }
 
   // An empty certificate revocation list of the authority (PEM file path).
   std::string CreateCrl(const std::string& name, const KeyPair& ca) {
     const std::string crl = Path(name + ".crl.pem");
-    Run({"openssl", "ca", "-gencrl", "-config", Path("ca.cnf"), "-cert", ca.certificate, "-keyfile",
-         ca.key, "-out", crl});
+    Run({"openssl", "ca", "-gencrl", "-config", Path("ca.cnf"), "-cert", ca.certificate, "-keyfile", ca.key, "-out",
+         crl});
     return crl;
   }
 
   // Signs a leaf for commonName. altNames is a subjectAltName value such as
   // "DNS:localhost,IP:127.0.0.1" (empty: no extension). Dates are
   // YYYYMMDDHHMMSSZ; empty means from an hour ago for thirty days.
-  KeyPair Issue(const std::string& name, const KeyPair& ca, const std::string& commonName,
-                const std::string& altNames, const std::string& notBefore = "",
-                const std::string& notAfter = "") {
+  KeyPair Issue(const std::string& name, const KeyPair& ca, const std::string& commonName, const std::string& altNames,
+                const std::string& notBefore = "", const std::string& notAfter = "") {
     KeyPair leaf{Path(name + ".pem"), Path(name + ".key")};
     const std::string request = Path(name + ".csr"), extensions = Path(name + ".ext");
     Run(NewKey({"-keyout", leaf.key, "-out", request, "-subj", "/CN=" + commonName}));

@@ -56,8 +56,7 @@ inline socklen_t LoopbackAddress(int family, int port, sockaddr_storage* address
 // A listening TCP socket on 127.0.0.1 or ::1 (IPv6 only); port 0 picks one.
 class Listener {
  public:
-  explicit Listener(int family = AF_INET, int port = 0, int backlog = 16)
-      : socket_(socket(family, SOCK_STREAM, 0)) {
+  explicit Listener(int family = AF_INET, int port = 0, int backlog = 16) : socket_(socket(family, SOCK_STREAM, 0)) {
     const int on = 1;
     if (family == AF_INET6) setsockopt(socket_.Get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof(on));
     sockaddr_storage address;

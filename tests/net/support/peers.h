@@ -23,7 +23,7 @@ namespace nettest {
 
 using TempDir = testsupport::ScratchDir;
 
-inline std::string ReadFile(const std::string& path) { return testsupport::ReadWholeFile(path); }
+inline auto& ReadFile = testsupport::ReadWholeFile;
 
 inline void WriteFile(const std::string& path, const std::string& content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
@@ -61,7 +61,9 @@ class ChildProcess {
 };
 
 // A port that was free on the loopback address of the family a moment ago.
-inline int FreePort(int family) { return Listener(family).Port(); }
+inline int FreePort(int family) {
+  return Listener(family).Port();
+}
 
 // Connects to 127.0.0.1 until the port answers or timeoutMs passes.
 inline bool WaitForPort(int port, int timeoutMs) {
@@ -100,8 +102,7 @@ class Nginx {
     }
     for (auto& server : servers_) {
       if (server.port == 0) server.port = FreePort(AF_INET);
-      conf << "  server {\n    listen 127.0.0.1:" << server.port
-           << (server.certificate.empty() ? "" : " ssl") << ";\n";
+      conf << "  server {\n    listen 127.0.0.1:" << server.port << (server.certificate.empty() ? "" : " ssl") << ";\n";
       if (!server.certificate.empty()) {
         conf << "    ssl_certificate " << server.certificate << ";\n"
              << "    ssl_certificate_key " << server.key << ";\n";
@@ -111,9 +112,9 @@ class Nginx {
     conf << "}\n";
     const std::string confPath = directory + "/nginx.conf";
     WriteFile(confPath, conf.str());
-    process_.reset(new ChildProcess(
-        {"/usr/sbin/nginx", "-e", directory + "/error.log", "-p", directory, "-c", confPath},
-        directory + "/nginx.out"));
+    process_.reset(
+        new ChildProcess({"/usr/sbin/nginx", "-e", directory + "/error.log", "-p", directory, "-c", confPath},
+                         directory + "/nginx.out"));
     for (const auto& server : servers_) {
       if (!WaitForPort(server.port, 10000)) {
         throw std::runtime_error("nginx did not come up: " + ReadFile(directory + "/error.log"));
@@ -132,8 +133,8 @@ class Nginx {
 // ports only; with a login it asks for Basic credentials.
 class Tinyproxy {
  public:
-  Tinyproxy(const std::string& directory, const std::vector<int>& connectPorts,
-            const std::string& login = "", const std::string& password = "")
+  Tinyproxy(const std::string& directory, const std::vector<int>& connectPorts, const std::string& login = "",
+            const std::string& password = "")
       : port_(FreePort(AF_INET)) {
     std::ostringstream conf;
     conf << "Port " << port_ << "\nListen 127.0.0.1\nTimeout 30\nMaxClients 20\n"
@@ -144,11 +145,9 @@ class Tinyproxy {
     if (!login.empty()) conf << "BasicAuth " << login << " " << password << "\n";
     const std::string confPath = directory + "/tinyproxy.conf";
     WriteFile(confPath, conf.str());
-    process_.reset(
-        new ChildProcess({"tinyproxy", "-d", "-c", confPath}, directory + "/tinyproxy.out"));
+    process_.reset(new ChildProcess({"tinyproxy", "-d", "-c", confPath}, directory + "/tinyproxy.out"));
     if (!WaitForPort(port_, 10000)) {
-      throw std::runtime_error("tinyproxy did not come up: " +
-                               ReadFile(directory + "/tinyproxy.out"));
+      throw std::runtime_error("tinyproxy did not come up: " + ReadFile(directory + "/tinyproxy.out"));
     }
   }
 
