@@ -92,6 +92,20 @@ TEST(Socket, SendToAVanishedPeerFailsWithoutSignal) {
   EXPECT_EQ(status, utils::impl::SocketStatusFailed);
 }
 
+// A socket never leaks a descriptor: Create again and Close release the old one.
+TEST(Socket, CreateReplacesAndCloseReleasesTheDescriptor) {
+  Socket socket(nullptr);
+  ASSERT_EQ(socket.Create(AF_INET, SOCK_STREAM, 0, false), utils::impl::SocketStatusDone);
+  const int first = socket.Descriptor();
+  EXPECT_EQ(fcntl(first, F_GETFL) & O_NONBLOCK, 0);
+  ASSERT_EQ(socket.Create(AF_INET, SOCK_STREAM, 0, true), utils::impl::SocketStatusDone);
+  const int second = socket.Descriptor();
+  EXPECT_TRUE(second == first || fcntl(first, F_GETFD) == -1);  // the number may be reused
+  EXPECT_NE(fcntl(second, F_GETFL) & O_NONBLOCK, 0);
+  EXPECT_EQ(socket.Close(), 0);
+  EXPECT_EQ(fcntl(second, F_GETFD), -1);
+}
+
 // Each kind of wait ends at its time-out, or promptly when another thread
 // cancels it. Whether the wait has begun by then does not matter, since a
 // pending cancellation cancels the next wait.
