@@ -2,6 +2,7 @@
 // against raw loopback peers.
 #include "utils/net/base_socket_client.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
