@@ -78,7 +78,16 @@ int Result(boost::shared_ptr<RunTime>& rt, const Args& args) {
   if (mode == 3) rt->CreateResultAtStack(rt->CreateTableAtStack());
   if (mode == 4) rt->CreateResultAtStack(std::string("a\0b", 3));
   if (mode == 5) rt->CreateResultAtStack(rt->RunString("return {1}", false).front()->AsTableRef());
+  if (mode == 6) rt->CreateResultAtStack(std::string());
   return 1;
+}
+
+// The checks that read the stack itself rather than the argument handles.
+int Checked(boost::shared_ptr<RunTime>& rt, const Args& args) {
+  rt->CheckArgsCount(2);
+  rt->CheckType(0, LUA_TNONE, "none");
+  rt->CheckType(args[1], LUA_TSTRING, "second");
+  return rt->VoidResult();
 }
 
 int ReadUpvalue(boost::shared_ptr<RunTime>& rt, const Args& args) {
@@ -92,7 +101,7 @@ TEST(Adapter, ArgumentsResultsAndErrorsReachTheScript) {
   auto rt = RunTime::Create();
   const std::pair<const char*, lua_CFunction> functions[] = {
       {"describe", WrapFunc<&Describe>}, {"claim", WrapFunc<&ClaimResults>}, {"fail", WrapFunc<&Fail>},
-      {"callback", WrapFunc<&CallBack>}, {"result", WrapFunc<&Result>},
+      {"callback", WrapFunc<&CallBack>}, {"result", WrapFunc<&Result>},      {"checked", WrapFunc<&Checked>},
   };
   {
     RunTime::StackCleaner cleaner(rt);
@@ -106,6 +115,9 @@ TEST(Adapter, ArgumentsResultsAndErrorsReachTheScript) {
       {"return select(2, pcall(claim, -1))", "Negative results count: -1"},
       {"return select(2, pcall(claim, 3))", "Stack underflow: the results count is greater than the stack size: 3 > 2"},
       {"return select('#', claim(2))", "2"},
+      {"return select(2, pcall(checked, 1, 's', 3))", "expected 2 args"},
+      {"return select(2, pcall(checked, 1, 2))", "second: expected type 'string', got 'number'"},
+      {"return select('#', checked(1, 's'))", "0"},
       {"return select(2, pcall(fail, 1))", "Cpp: bad input"},
       {"return select(2, pcall(fail, 2, 3))", "own message"},
       {"return tostring(pcall(fail, 3))", "false"},
@@ -113,9 +125,9 @@ TEST(Adapter, ArgumentsResultsAndErrorsReachTheScript) {
        "return failures",
        "100000"},
       {"return callback(5, 7)", "5: number@1 number@2 number@3 "},  // nested calls keep their own arguments
-      {"local out = {} for mode = 0, 5 do local n, v = select('#', result(mode)), result(mode) "
+      {"local out = {} for mode = 0, 6 do local n, v = select('#', result(mode)), result(mode) "
        "out[#out + 1] = n .. (v == nil and '' or type(v) .. #v) end return table.concat(out, ' ')",
-       "0 1 1 1 1string3 1table1"},  // empty strings and tables become nil
+       "0 1 1 1 1string3 1table1 1"},  // empty strings and tables become nil
       {"return up(1)", "first"},
       {"return select(2, pcall(up, 2))", "Cpp: ObjectAtStack(): invalid stack index: -1001002"},
   };
