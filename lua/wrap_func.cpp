@@ -78,7 +78,7 @@ FrameStack* ThreadStack() {
 // when a script error unwinds through it.
 class FrameLease {
  public:
-  FrameLease() : stack_(ThreadStack()) {
+  __attribute__((always_inline)) FrameLease() : stack_(ThreadStack()) {
     if (stack_ == nullptr) {
       fallback_ = std::make_unique<CallFrame>();
       frame_ = fallback_.get();
@@ -123,7 +123,7 @@ __attribute__((noinline)) void ResizeArgs(CallFrame& frame, size_t n) {
   }
 }
 
-void PrepareArgs(CallFrame& frame, lua_State* L) {
+__attribute__((always_inline)) inline void PrepareArgs(CallFrame& frame, lua_State* L) {
   const size_t n = static_cast<size_t>(lua_gettop(L));
   // Most functions are called with the same count every time.
   if (frame.args.size() != n) ResizeArgs(frame, n);

@@ -84,7 +84,7 @@ class HandleAccess {
       if (current->rt_ != rt) current->rt_ = rt;
       return;
     }
-    handle = Make(rt, absIndex);
+    Replace(handle, rt, absIndex);
   }
 
   // A handle to the slot `absIndex` of `rt` for the CreateAtStack family.
@@ -94,18 +94,15 @@ class HandleAccess {
   // taken and given back, the handle's two) and two pool blocks for a new one.
   // `type` is the slot's type, which the caller may know without asking.
   static boost::shared_ptr<ObjectRef> Cached(RunTime& rt, int absIndex, int type) {
-    if (!rt.handleCacheOn_ || type == LUA_TTABLE) return Make(rt.shared_from_this(), absIndex);
-    lua_State* L = rt.state_;
-    std::vector<boost::shared_ptr<ObjectRef>>& cache = rt.handleCache_;
-    for (boost::shared_ptr<ObjectRef>& handle : cache) {
-      if (handle.unique()) {
-        Point(*handle, L, type, absIndex);
-        return handle;
+    if (rt.handleCacheOn_ && type != LUA_TTABLE) {
+      for (boost::shared_ptr<ObjectRef>& handle : rt.handleCache_) {
+        if (handle.unique()) {
+          Point(*handle, rt.state_, type, absIndex);
+          return handle;
+        }
       }
     }
-    boost::shared_ptr<ObjectRef> handle = Make(rt.shared_from_this(), absIndex);
-    if (cache.size() < kMaxCachedHandles) cache.push_back(handle);
-    return handle;
+    return Uncached(rt, absIndex, type);
   }
 
   static void EnableCache(RunTime& rt) { rt.handleCacheOn_ = true; }
@@ -120,6 +117,19 @@ class HandleAccess {
   }
 
  private:
+  // The slow paths, kept out of line so that the hot ones stay small.
+  __attribute__((noinline)) static void Replace(boost::shared_ptr<ObjectRef>& handle,
+                                                const boost::shared_ptr<RunTime>& rt, int absIndex) {
+    handle = Make(rt, absIndex);
+  }
+  __attribute__((noinline)) static boost::shared_ptr<ObjectRef> Uncached(RunTime& rt, int absIndex, int type) {
+    boost::shared_ptr<ObjectRef> handle = Make(rt.shared_from_this(), absIndex);
+    if (rt.handleCacheOn_ && type != LUA_TTABLE && rt.handleCache_.size() < kMaxCachedHandles) {
+      rt.handleCache_.push_back(handle);
+    }
+    return handle;
+  }
+
   static void Point(ObjectRef& handle, lua_State* L, int type, int absIndex) {
     handle.type_ = type;
     handle.index_ = absIndex;
