@@ -219,9 +219,10 @@ TEST(TableAccess, RawReadsAddOneSlotAndWritesHonourMetamethods) {
   table->Set("b", 2);
   table->Append(std::string("x"));
   table->Erase(rt->CreateAtStack("a"));
-  EXPECT_EQ(rt->StackTopIndex(), before + 1);  // only Erase's own key remains
+  table->Erase(rt->CreateAtStack("c"));        // absent: a field write runs __newindex
+  EXPECT_EQ(rt->StackTopIndex(), before + 2);  // only Erase's own keys remain
   EXPECT_TRUE(table->Get("a")->IsNil());
-  EXPECT_EQ(rt->RunString("return table.concat(log, ',')", false).front()->AsString(), "b,1");
+  EXPECT_EQ(rt->RunString("return table.concat(log, ',')", false).front()->AsString(), "b,1,c");
   rt->PopFromStack(rt->StackTopIndex() - table->StackIndex() + 1);
   rt->CreateAtStack(1);
   EXPECT_EQ(ThrownText([&] { table->Get("a"); }), "Invalid reference");  // never a raw read of a number
