@@ -134,6 +134,13 @@ TEST(Adapter, ArgumentsResultsAndErrorsReachTheScript) {
   for (const auto& [code, expected] : cases) EXPECT_EQ(Eval(rt, code), expected) << code;
   EXPECT_EQ(Tracked::live, 0);  // raising bodies released what they held
   EXPECT_NE(ThrownText([&] { rt->RunString("fail(3)", true); }).find(": Cpp: unknown exception\n"), std::string::npos);
+  {
+    RunTime::StackCleaner cleaner(rt);
+    const Args upvalues(256, rt->CreateAtStack(1));
+    EXPECT_EQ(ThrownText([&] { rt->CreateAtStack(WrapFunc<&ReadUpvalue>, upvalues); }),
+              "CreateAtStack(): too many upvalues: 256");
+    rt->CreateAtStack(WrapFunc<&ReadUpvalue>, Args(255, upvalues[0]));  // the most a closure can have
+  }
   EXPECT_TRUE(rt->IsValid());
 }
 
