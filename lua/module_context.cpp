@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "utils/log.h"
+#include "utils/strings.h"
 
 namespace lua {
 
@@ -69,7 +70,7 @@ void LuaModuleContext::Init() {
       if (postLoad_) postLoad_(rt, results);
     }
     CORVANE_LOG(zul_log_logger__lua(), zullog::SeverityInfo, "lua_module_ctx")
-        << "Init: " << path_ << " has been loaded";
+        << "Init: " << utils::EscapeForLogLine(path_) << " has been loaded";
   } catch (const std::exception& e) {
     boost::atomic_store(&runtime_, boost::shared_ptr<RunTime>());
     throw std::runtime_error(std::string("LuaModuleContext: runtime init error: ") + e.what());

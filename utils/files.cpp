@@ -18,6 +18,7 @@
 
 #include "utils/env.h"
 #include "utils/log.h"
+#include "utils/strings.h"
 
 namespace utils {
 
@@ -301,7 +302,7 @@ bool WriteFileAtomically(const std::string& path, const std::string& data, std::
   if (dirFd.Get() < 0 || ::fsync(dirFd.Get()) != 0) {
     int errorNumber = errno;
     CORVANE_LOG(UtilsLogger(), zullog::SeverityWarning, kModule)
-        << "WriteFileAtomically(): cannot sync directory " << dir << ": "
+        << "WriteFileAtomically(): cannot sync directory " << EscapeForLogLine(dir) << ": "
         << ::strerror(errorNumber);
   }
   return true;

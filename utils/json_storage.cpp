@@ -10,6 +10,7 @@
 
 #include "utils/files.h"
 #include "utils/log.h"
+#include "utils/strings.h"
 
 namespace utils {
 
@@ -91,7 +92,7 @@ bool JsonPersistentStorage::Reload(std::string* error) {
   if (!ok) {
     std::string message = "cannot load " + path_ + ": " + reason;
     CORVANE_LOG(UtilsLogger(), zullog::SeverityWarning, kModule)
-        << "JsonPersistentStorage: " << message;
+        << "JsonPersistentStorage: " << EscapeForLogLine(message);
     ThreadMutex::ScopedLock lock(dataMutex_);
     loadError_ = message;
     if (error != nullptr) *error = message;

@@ -66,6 +66,27 @@ std::string ToUpper(const std::string& text) {
   return result;
 }
 
+std::string EscapeForLogLine(const std::string& text) {
+  static const char kHex[] = "0123456789abcdef";
+  std::string result;
+  result.reserve(text.size());
+  for (const char c : text) {
+    const unsigned char byte = static_cast<unsigned char>(c);
+    if (c == '\r') {
+      result += "\\r";
+    } else if (c == '\n') {
+      result += "\\n";
+    } else if ((byte < 0x20 && c != '\t') || byte == 0x7f) {
+      result += "\\x";
+      result += kHex[byte >> 4];
+      result += kHex[byte & 0xf];
+    } else {
+      result += c;
+    }
+  }
+  return result;
+}
+
 const char* FindStr(const char* begin, const char* end, const char* needle) {
   if (begin == nullptr) return end;
   if (end == nullptr) end = begin + std::strlen(begin);

@@ -24,6 +24,11 @@ std::string TrimBothEnds(const std::string& text, char c);
 std::string ToLower(const std::string& text);
 std::string ToUpper(const std::string& text);
 
+// The text made safe for one log line: CR, LF and the other control bytes
+// (tab excepted) become \r, \n and \xHH, so that no value can end a record or
+// forge another.
+std::string EscapeForLogLine(const std::string& text);
+
 // First occurrence of the NUL-terminated `needle` in [begin, end); a null
 // `end` means up to the NUL of `begin`. Returns `begin` for an empty (or null)
 // needle and `end` when there is no occurrence. Never reads outside the range,

@@ -27,6 +27,7 @@
 #include "utils/log.h"
 #include "utils/net_proxy_info.h"
 #include "utils/string_pair_list.h"
+#include "utils/strings.h"
 #include "utils/system.h"
 #include "utils/time.h"
 #include "utils/url.h"
@@ -222,8 +223,8 @@ int Log(Rt& rt, const Args& args) {
   }
   // The script's severity is only text inside the record; the record's own
   // severity is always information, whatever the script passed.
-  CORVANE_LOG(zul_log_logger__lua(), zullog::SeverityInfo, tag.c_str())
-      << "Log: [" << severity << "] " << message;
+  CORVANE_LOG(zul_log_logger__lua(), zullog::SeverityInfo, utils::EscapeForLogLine(tag).c_str())
+      << "Log: [" << utils::EscapeForLogLine(severity) << "] " << utils::EscapeForLogLine(message);
   return rt->VoidResult();
 }
 

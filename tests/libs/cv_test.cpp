@@ -81,9 +81,11 @@ TEST_F(CommonLib, LogWritesInformationRecordsWhateverTheScriptSeverity) {
   zullog::SetSink(sink);
   EXPECT_EQ(Eval("return select('#', cv.log('started'))"), "0");
   Eval("cv.log('x', {severity = 'ERROR'}) cv.log(42, {tag = 'cam', severity = ''})");
+  Eval("cv.log('a\\nb\\0c\\td', {tag = 't\\rx', severity = '\\127'})");  // no value forges a line
   zullog::SetSink(nullptr);
-  EXPECT_THAT(sink->Lines(), ::testing::IsSupersetOf(
-                                 {"4 <Lua> Log: [INFO] started", "4 <Lua> Log: [ERROR] x", "4 <cam> Log: [INFO] 42"}));
+  EXPECT_THAT(sink->Lines(), ::testing::IsSupersetOf({"4 <Lua> Log: [INFO] started", "4 <Lua> Log: [ERROR] x",
+                                                      "4 <cam> Log: [INFO] 42",
+                                                      "4 <t\\rx> Log: [\\x7f] a\\nb\\x00c\td"}));
 }
 
 TEST_F(CommonLib, TimesAreReadAsLocalOrUtc) {
