@@ -14,6 +14,17 @@ const char kInvalidReference[] = "Invalid reference";
   throw RunTimeError(kInvalidReference);
 }
 
+// The scalar readers are on every native call's path: CheckRef reduced to
+// what it means for types without identity, in one lua_type call. Returns
+// the handle's state.
+inline lua_State* StateHoldingScalar(const ObjectRef& ref, int type) {
+  lua_State* L = ref.GetRunTime()->State();
+  if (ref.Type() != type || ref.StackIndex() == 0 || lua_type(L, ref.StackIndex()) != type) {
+    ThrowInvalidReference();
+  }
+  return L;
+}
+
 }  // namespace
 
 ObjectRef::ObjectRef(const boost::shared_ptr<RunTime>& rt, int index)
@@ -70,24 +81,16 @@ void ObjectRef::CheckRef(int expectedType) const {
   if (type_ != expectedType || !IsValid()) ThrowInvalidReference();
 }
 
-// The scalar readers are on every native call's path: CheckRef reduced to
-// what it means for types without identity, in one lua_type call.
 bool ObjectRef::AsBool() const {
-  lua_State* L = this->L();
-  if (type_ != LUA_TBOOLEAN || index_ == 0 || lua_type(L, index_) != LUA_TBOOLEAN) ThrowInvalidReference();
-  return lua_toboolean(L, index_) != 0;
+  return lua_toboolean(StateHoldingScalar(*this, LUA_TBOOLEAN), index_) != 0;
 }
 
 long long ObjectRef::AsInteger() const {
-  lua_State* L = this->L();
-  if (type_ != LUA_TNUMBER || index_ == 0 || lua_type(L, index_) != LUA_TNUMBER) ThrowInvalidReference();
-  return lua_tointegerx(L, index_, nullptr);
+  return lua_tointegerx(StateHoldingScalar(*this, LUA_TNUMBER), index_, nullptr);
 }
 
 double ObjectRef::AsReal() const {
-  lua_State* L = this->L();
-  if (type_ != LUA_TNUMBER || index_ == 0 || lua_type(L, index_) != LUA_TNUMBER) ThrowInvalidReference();
-  return lua_tonumberx(L, index_, nullptr);
+  return lua_tonumberx(StateHoldingScalar(*this, LUA_TNUMBER), index_, nullptr);
 }
 
 std::string ObjectRef::AsString() const {

@@ -3,8 +3,8 @@
 #include <cxxabi.h>
 
 #include <exception>
-#include <typeinfo>
 #include <memory>
+#include <typeinfo>
 #include <utility>
 
 #include "lua/internal/handles.h"
