@@ -13,14 +13,20 @@ namespace lua {
 namespace {
 
 // Registry keys of the shared metadata tables, one per annotation, and of
-// the lists of deferred annotations, one per kind.
+// the sets of deferred annotations, one per kind.
 const char kSharedMetadataKeys[3] = {};
 const char kDeferredKeys[2] = {};
-// Where a list of deferred annotations keeps its count and the count at
-// which it is compacted next.
-constexpr lua_Integer kCountSlot = 0;
-constexpr lua_Integer kCompactSlot = -1;
-constexpr lua_Integer kMinCompactCount = 4096;
+// A set's slots: its open batch, which decodes append to, and that batch's
+// count; the number of sealed batches, and the number at which they are
+// pruned next. Sealed batch i and its size are at 2i - 1 and 2i.
+constexpr lua_Integer kOpenSlot = -1;
+constexpr lua_Integer kOpenCountSlot = -2;
+constexpr lua_Integer kSealedSlot = 0;
+constexpr lua_Integer kPruneSlot = -3;
+// The open batch is sealed by the decode that takes it past this many
+// entries, so a large document gets a batch of its own.
+constexpr lua_Integer kSealCount = 4096;
+constexpr lua_Integer kMinPruneBatches = 4;
 // json.null's address.
 const char kJsonNull = 0;
 
@@ -52,40 +58,112 @@ int PushMetadatasAsTheyAre(lua_State* L) {
   return 0;
 }
 
-// Pushes a new list of deferred annotations of one kind with room for `size`
-// entries, and makes it the runtime's list of that kind. Its values are weak,
-// so that listing a table does not keep it alive.
-void NewDeferredList(lua_State* L, int type, int size) {
-  lua_createtable(L, size, 2);
+// Pushes a new batch with room for `size` tables. Its values are weak, so
+// that listing a table does not keep it alive.
+void NewBatch(lua_State* L, int size) {
+  lua_createtable(L, size, 0);
   lua_createtable(L, 0, 1);
   lua_pushliteral(L, "v");
   lua_setfield(L, -2, "__mode");
   lua_setmetatable(L, -2);
-  lua_pushinteger(L, 0);
-  lua_rawseti(L, -2, kCountSlot);
-  lua_pushinteger(L, kMinCompactCount);
-  lua_rawseti(L, -2, kCompactSlot);
-  lua_pushvalue(L, -1);
+}
+
+void WriteSlot(lua_State* L, int table, lua_Integer slot, lua_Integer value) {
+  lua_pushinteger(L, value);
+  lua_rawseti(L, table, slot);
+}
+
+// Pushes the runtime's set of deferred annotations of one kind.
+void PushSet(lua_State* L, int type) {
+  if (lua_rawgetp(L, LUA_REGISTRYINDEX, &kDeferredKeys[type]) == LUA_TTABLE) return;
+  lua_pop(L, 1);
+  lua_createtable(L, 0, 4);
+  const int set = lua_gettop(L);
+  WriteSlot(L, set, kOpenCountSlot, 0);
+  WriteSlot(L, set, kSealedSlot, 0);
+  WriteSlot(L, set, kPruneSlot, kMinPruneBatches);
+  lua_pushvalue(L, set);
   lua_rawsetp(L, LUA_REGISTRYINDEX, &kDeferredKeys[type]);
 }
 
-// Pushes the runtime's list of deferred annotations of one kind.
-void PushDeferredList(lua_State* L, int type) {
-  if (lua_rawgetp(L, LUA_REGISTRYINDEX, &kDeferredKeys[type]) == LUA_TTABLE) return;
+// Pushes the open batch of the set at `set`, making one when there is none.
+void PushOpenBatch(lua_State* L, int set) {
+  if (lua_rawgeti(L, set, kOpenSlot) == LUA_TTABLE) return;
   lua_pop(L, 1);
-  NewDeferredList(L, type, 0);
+  NewBatch(L, 0);
+  lua_pushvalue(L, -1);
+  lua_rawseti(L, set, kOpenSlot);
+  WriteSlot(L, set, kOpenCountSlot, 0);
 }
 
-lua_Integer ReadSlot(lua_State* L, int list, lua_Integer slot) {
-  lua_rawgeti(L, list, slot);
+lua_Integer ReadSlot(lua_State* L, int table, lua_Integer slot) {
+  lua_rawgeti(L, table, slot);
   const lua_Integer value = lua_tointeger(L, -1);
   lua_pop(L, 1);
   return value;
 }
 
-void WriteSlot(lua_State* L, int list, lua_Integer slot, lua_Integer value) {
-  lua_pushinteger(L, value);
-  lua_rawseti(L, list, slot);
+// The live tables in `batch`, counted up to `limit`. Entries of collected
+// tables are nil, and lua_next skips them without leaving the interpreter.
+lua_Integer CountLive(lua_State* L, int batch, lua_Integer limit) {
+  lua_Integer live = 0;
+  lua_pushnil(L);
+  while (lua_next(L, batch) != 0) {
+    lua_pop(L, 1);
+    if (++live >= limit) {
+      lua_pop(L, 1);
+      break;
+    }
+  }
+  return live;
+}
+
+// Appends the batch at `batch` with `size` entries to the sealed ones.
+void AppendSealed(lua_State* L, int set, int batch, lua_Integer size) {
+  const lua_Integer n = ReadSlot(L, set, kSealedSlot) + 1;
+  lua_pushvalue(L, batch);
+  lua_rawseti(L, set, 2 * n - 1);
+  WriteSlot(L, set, 2 * n, size);
+  WriteSlot(L, set, kSealedSlot, n);
+}
+
+// Drops the sealed batches whose tables have all been collected, and moves
+// the live tables of those the collector has thinned to under a quarter into
+// one merged batch, so that keeping a table or two of every document costs
+// one batch rather than one each. The batches are taken out of the set
+// first: making tables here may run a finalizer that decodes and seals.
+void Prune(lua_State* L, int set) {
+  luaL_checkstack(L, RunTime::kPushHeadroom, "json annotations");
+  const lua_Integer n = ReadSlot(L, set, kSealedSlot);
+  lua_createtable(L, static_cast<int>(2 * n), 0);
+  const int old = lua_gettop(L);
+  for (lua_Integer i = 1; i <= 2 * n; ++i) {
+    lua_rawgeti(L, set, i);
+    lua_rawseti(L, old, i);
+    lua_pushnil(L);
+    lua_rawseti(L, set, i);
+  }
+  WriteSlot(L, set, kSealedSlot, 0);
+  NewBatch(L, 0);
+  const int merged = lua_gettop(L);
+  lua_Integer mergedSize = 0;
+  for (lua_Integer b = 1; b <= n; ++b) {
+    lua_rawgeti(L, old, 2 * b - 1);
+    const int batch = lua_gettop(L);
+    const lua_Integer size = ReadSlot(L, old, 2 * b);
+    const lua_Integer limit = size / 4 + 1;
+    const lua_Integer live = CountLive(L, batch, limit);
+    if (live >= limit) {
+      AppendSealed(L, set, batch, size);
+    } else if (live > 0) {
+      lua_pushnil(L);
+      while (lua_next(L, batch) != 0) lua_rawseti(L, merged, ++mergedSize);
+    }
+    lua_pop(L, 1);
+  }
+  if (mergedSize > 0) AppendSealed(L, set, merged, mergedSize);
+  lua_pop(L, 2);
+  WriteSlot(L, set, kPruneSlot, std::max(kMinPruneBatches, 2 * ReadSlot(L, set, kSealedSlot)));
 }
 
 }  // namespace
@@ -106,9 +184,11 @@ DeferredAnnotations::DeferredAnnotations(lua_State* L, bool nested) : L_(L) {
   }
   lua_pop(L_, 1);
   for (int type = 0; type < 2; ++type) {
-    PushDeferredList(L_, type);
+    PushSet(L_, type);
+    sets_[type] = lua_gettop(L_);
+    PushOpenBatch(L_, sets_[type]);
     lists_[type] = lua_gettop(L_);
-    counts_[type] = ReadSlot(L_, lists_[type], kCountSlot);
+    counts_[type] = ReadSlot(L_, sets_[type], kOpenCountSlot);
   }
 }
 
@@ -123,41 +203,38 @@ void DeferredAnnotations::Add(int index, int type) {
   lua_rawseti(L_, list, ++counts_[type]);
 }
 
-// The entries of tables that were collected meanwhile are dropped by
-// copying the others into a new list: compacting in place would keep the
-// room of the largest document ever decoded.
+// Compacting one list in place, or copying its live entries on, costs in
+// proportion to every table still listed at each compaction; sealed batches
+// cost nothing until pruned, and a batch whose document was dropped is
+// dropped whole.
 void DeferredAnnotations::Finish() {
-  // Per kind: [.. list ..] -> [.. list .., fresh] -> [.. fresh ..], the new
-  // list taking the old one's slot.
   for (int type = 0; type < 2; ++type) {
+    const int set = sets_[type];
     const int list = lists_[type];
     if (list == 0) continue;
     const lua_Integer count = counts_[type];
-    WriteSlot(L_, list, kCountSlot, count);
-    if (count < ReadSlot(L_, list, kCompactSlot)) continue;
-    lua_Integer kept = 0;
-    for (lua_Integer i = 1; i <= count; ++i) {
-      if (lua_rawgeti(L_, list, i) != LUA_TNIL) ++kept;
-      lua_pop(L_, 1);
+    lua_rawgeti(L_, set, kOpenSlot);
+    const bool open = lua_rawequal(L_, -1, list) != 0;
+    lua_pop(L_, 1);
+    if (open && count < kSealCount) {
+      WriteSlot(L_, set, kOpenCountSlot, count);
+      continue;
     }
-    NewDeferredList(L_, type, static_cast<int>(kept));
-    const int fresh = lua_gettop(L_);
-    lua_Integer slot = 0;
-    for (lua_Integer i = 1; i <= count; ++i) {
-      if (lua_rawgeti(L_, list, i) == LUA_TNIL) {
-        lua_pop(L_, 1);
-      } else {
-        lua_rawseti(L_, fresh, ++slot);
-      }
+    if (open) {
+      lua_pushnil(L_);
+      lua_rawseti(L_, set, kOpenSlot);
+      WriteSlot(L_, set, kOpenCountSlot, 0);
     }
-    WriteSlot(L_, fresh, kCountSlot, slot);
-    WriteSlot(L_, fresh, kCompactSlot, std::max(kMinCompactCount, 2 * slot));
-    lua_replace(L_, list);
+    AppendSealed(L_, set, list, count);
+    if (ReadSlot(L_, set, kSealedSlot) >= ReadSlot(L_, set, kPruneSlot)) Prune(L_, set);
   }
 }
 
-// For each kind: [list] -> [list, metadata] -> metas[table] = metadata for
-// every table listed, whose entry becomes nil -> [].
+// For each kind: every live table of the sealed batches, then of the open
+// batch below its stored count, gets metas[table] = metadata. The sealed
+// batches are taken out of the set first and the open batch's entries are
+// cleared as they are recorded: growing the table of metadata may run a
+// finalizer that decodes, and what it lists stays for the next flush.
 void FlushDeferredAnnotations(lua_State* L, int metas) {
   luaL_checkstack(L, RunTime::kPushHeadroom, "json annotations");
   for (int type = 0; type < 2; ++type) {
@@ -165,11 +242,40 @@ void FlushDeferredAnnotations(lua_State* L, int metas) {
       lua_pop(L, 1);
       continue;
     }
-    const int list = lua_gettop(L);
-    const lua_Integer count = ReadSlot(L, list, kCountSlot);
-    if (count > 0) {
-      PushSharedMetadata(L, type);
-      const int metadata = lua_gettop(L);
+    const int set = lua_gettop(L);
+    PushSharedMetadata(L, type);
+    const int metadata = lua_gettop(L);
+
+    const lua_Integer n = ReadSlot(L, set, kSealedSlot);
+    if (n > 0) {
+      lua_createtable(L, static_cast<int>(n), 0);
+      const int sealed = lua_gettop(L);
+      for (lua_Integer b = 1; b <= n; ++b) {
+        lua_rawgeti(L, set, 2 * b - 1);
+        lua_rawseti(L, sealed, b);
+        lua_pushnil(L);
+        lua_rawseti(L, set, 2 * b - 1);
+        lua_pushnil(L);
+        lua_rawseti(L, set, 2 * b);
+      }
+      WriteSlot(L, set, kSealedSlot, 0);
+      WriteSlot(L, set, kPruneSlot, kMinPruneBatches);
+      for (lua_Integer b = 1; b <= n; ++b) {
+        lua_rawgeti(L, sealed, b);
+        const int batch = lua_gettop(L);
+        lua_pushnil(L);
+        while (lua_next(L, batch) != 0) {  // [batch, key, table]
+          lua_pushvalue(L, metadata);
+          lua_rawset(L, metas);
+        }
+        lua_pop(L, 1);
+      }
+      lua_pop(L, 1);
+    }
+
+    if (lua_rawgeti(L, set, kOpenSlot) == LUA_TTABLE) {
+      const int list = lua_gettop(L);
+      const lua_Integer count = ReadSlot(L, set, kOpenCountSlot);
       for (lua_Integer i = 1; i <= count; ++i) {
         if (lua_rawgeti(L, list, i) == LUA_TNIL) {
           lua_pop(L, 1);
@@ -180,19 +286,23 @@ void FlushDeferredAnnotations(lua_State* L, int metas) {
         lua_pushnil(L);
         lua_rawseti(L, list, i);
       }
-      // Growing the table of metadata may have run a finalizer that listed
-      // more tables; they move down to the front.
-      const lua_Integer now = ReadSlot(L, list, kCountSlot);
-      for (lua_Integer i = count + 1; i <= now; ++i) {
-        lua_rawgeti(L, list, i);
-        lua_rawseti(L, list, i - count);
-        lua_pushnil(L);
-        lua_rawseti(L, list, i);
-      }
-      WriteSlot(L, list, kCountSlot, now - count);
+      // What a finalizer listed meanwhile moves down to the front, unless a
+      // decode sealed the batch with it.
+      lua_rawgeti(L, set, kOpenSlot);
+      const bool open = lua_rawequal(L, -1, list) != 0;
       lua_pop(L, 1);
+      if (open && count > 0) {
+        const lua_Integer now = ReadSlot(L, set, kOpenCountSlot);
+        for (lua_Integer i = count + 1; i <= now; ++i) {
+          lua_rawgeti(L, list, i);
+          lua_rawseti(L, list, i - count);
+          lua_pushnil(L);
+          lua_rawseti(L, list, i);
+        }
+        WriteSlot(L, set, kOpenCountSlot, now - count);
+      }
     }
-    lua_pop(L, 1);
+    lua_pop(L, 3);
   }
 }
 

@@ -30,8 +30,9 @@ void Annotate(lua_State* L, int metas, int index, int type);
 // Annotations made in bulk by decoding. Probing the table of metadata, which
 // is as large as all annotated tables together, costs a cache miss or two
 // per table; appending to a list costs next to nothing. So decoded tables
-// are listed (weakly, per kind) and moved into the table of metadata only
-// when somebody reads it: PushAllMetadatas, and scripts indexing it, whose
+// are listed (weakly, per kind, in batches: small decodes share one, a large
+// one gets its own) and moved into the table of metadata only when somebody
+// reads it: PushAllMetadatas, and scripts indexing it, whose
 // metatable sends them through FlushDeferredAnnotations. A decoded document
 // that nobody asks about is never recorded at all.
 //
@@ -43,17 +44,19 @@ void Annotate(lua_State* L, int metas, int index, int type);
 // the running decode's entries where they are.
 class DeferredAnnotations {
  public:
-  // Pushes the two lists, or with `nested` the table of metadata; does
-  // nothing when the json library is not open.
+  // Pushes the two sets and their open batches, or with `nested` the table
+  // of metadata; does nothing when the json library is not open.
   DeferredAnnotations(lua_State* L, bool nested);
   // Lists the table at `index` (absolute) as an object (0) or array (1).
   void Add(int index, int type);
-  // Stores the counts, and compacts a list that the collector has thinned out.
+  // Stores the counts, seals a batch that has grown large, and prunes the
+  // sealed batches that the collector has emptied or thinned out.
   void Finish();
 
  private:
   lua_State* L_;
   int metas_ = 0;  // only when nested
+  int sets_[2] = {0, 0};
   int lists_[2] = {0, 0};
   lua_Integer counts_[2] = {0, 0};
 };
