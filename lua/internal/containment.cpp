@@ -1,5 +1,9 @@
 #include "lua/internal/containment.h"
 
+#include <linux/membarrier.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <climits>
 #include <condition_variable>
 #include <cstdlib>
@@ -15,6 +19,27 @@ namespace detatils {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+// Close and an interrupt are the two sides of a store-then-load handshake
+// (see Close). Interrupts are rare and a call's close is not, so where the
+// kernel offers a barrier across the process's threads, the interrupting
+// side takes it and Close's store goes without a fence of its own: a fenced
+// store costs about as much as the rest of Close. Elsewhere both sides stay
+// sequentially consistent. ThreadSanitizer cannot see the kernel's barrier.
+bool ProcessBarrierAvailable() {
+#if defined(__SANITIZE_THREAD__)
+  return false;
+#else
+  static const bool available = syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
+  return available;
+#endif
+}
+
+// The interrupting side's half: after its count is raised, and before it
+// reads whether the call is open.
+void InterruptingSideBarrier() {
+  if (ProcessBarrierAvailable()) syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
+}
 
 // One thread for every deadline in the process, started by the first call
 // that has a time limit: hosts that set none get no thread. It never ends; a
@@ -124,10 +149,16 @@ void CallControl::Open(std::chrono::milliseconds timeout, std::uint64_t instruct
 }
 
 void CallControl::Close() {
-  call_.store(2 * callId_);
+  if (ProcessBarrierAvailable()) {
+    call_.store(2 * callId_, std::memory_order_release);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+  } else {
+    call_.store(2 * callId_);
+  }
   // An Interrupt that saw the call open may be arming it: wait for it. One
-  // that comes later finds the call closed (both sides are sequentially
-  // consistent), so a call without interrupts never takes the mutex.
+  // that comes later finds the call closed (the two sides are ordered as if
+  // both were sequentially consistent), so a call without interrupts never
+  // takes the mutex.
   if (interrupting_.load() != 0) {
     std::lock_guard<std::mutex> wait(mutex_);
   }
@@ -154,6 +185,7 @@ void CallControl::ArmLocked() {
 
 bool CallControl::Interrupt(InterruptCause cause) {
   interrupting_.fetch_add(1);
+  InterruptingSideBarrier();
   const std::uint64_t call = call_.load();
   const bool open = (call & 1) != 0;
   if (open) InterruptIfStill(call, cause);
@@ -163,6 +195,7 @@ bool CallControl::Interrupt(InterruptCause cause) {
 
 void CallControl::InterruptCall(std::uint64_t callId, InterruptCause cause) {
   interrupting_.fetch_add(1);
+  InterruptingSideBarrier();
   InterruptIfStill(2 * callId + 1, cause);
   interrupting_.fetch_sub(1);
 }
