@@ -6,7 +6,9 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "lua/internal/json_meta.h"
@@ -196,6 +198,13 @@ class Encoder {
     Fail(what, ("'" + std::string(text, std::min<size_t>(size, 64)) + "'").c_str());
   }
 
+  [[noreturn]] __attribute__((noinline, cold)) void FailNamedTwice(int name) {
+    size_t size = 0;
+    const char* text = lua_tolstring(L_, name, &size);
+    Fail("two keys of a table are written as the member name '", std::string(text, std::min<size_t>(size, 64)).c_str(),
+         "'");
+  }
+
   // Writes t[1..n] as an array, holes as null.
   void Elements(int index, lua_Integer n, int depth) {
     writer_.Open('[');
@@ -214,11 +223,12 @@ class Encoder {
   void Object(int index, int depth) {
     writer_.Open('{');
     bool first = true;
+    std::unique_ptr<std::unordered_set<std::string>> floatNames;  // made at the first float key
     lua_pushnil(L_);
     while (lua_next(L_, index) != 0) {  // [key, value]
       writer_.Item(first);
       first = false;
-      Key(lua_gettop(L_) - 1);
+      Key(index, lua_gettop(L_) - 1, floatNames);
       writer_.Colon();
       Value(lua_gettop(L_), depth + 1);
       lua_pop(L_, 1);
@@ -227,13 +237,28 @@ class Encoder {
   }
 
   // Numbers name members by their tostring() text, as in the host conversion.
-  void Key(int index) {
+  // That text may also be a string key of the table, or the text of another
+  // float key (floats that differ past 14 digits): a member named twice would
+  // lose one of the values to whoever reads the text, so it is an error.
+  void Key(int table, int index, std::unique_ptr<std::unordered_set<std::string>>& floatNames) {
     switch (lua_type(L_, index)) {
       case LUA_TSTRING: String(index, "key"); return;
       case LUA_TNUMBER: {
         // A copy: lua_tolstring on the key itself would upset lua_next.
         lua_pushvalue(L_, index);
-        String(lua_gettop(L_), "key");
+        const int name = lua_gettop(L_);
+        const bool isFloat = !lua_isinteger(L_, name);
+        String(name, "key");
+        lua_pushvalue(L_, name);
+        bool twice = lua_rawget(L_, table) != LUA_TNIL;
+        lua_pop(L_, 1);
+        if (!twice && isFloat) {
+          if (!floatNames) floatNames = std::make_unique<std::unordered_set<std::string>>();
+          size_t size = 0;
+          const char* text = lua_tolstring(L_, name, &size);
+          twice = !floatNames->emplace(text, size).second;
+        }
+        if (twice) FailNamedTwice(name);
         lua_pop(L_, 1);
         return;
       }

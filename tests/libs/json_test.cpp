@@ -152,6 +152,13 @@ TEST_F(JsonLib, ScriptTablesAreWrittenByTheirAnnotationOrTheirKeys) {
       {"return json.encode({json.null, false}), #json.encode(json.array({[100] = 1}))", "[null,false] | 498"},
       {"return select(2, pcall(json.save, 'unused', json.array({[0] = 1})))",
        "json.save: a table annotated as an array has the key '0'"},
+      // A member name that two keys would write (a number key and a string
+      // key, or two floats alike to 14 digits) is refused, not written twice.
+      {"return select(2, pcall(json.encode, {[1] = 'a', ['1'] = 'b'})), "
+       "select(2, pcall(json.encode, {x = {[0.1] = 1, [0.10000000000000002] = 2}})), "
+       "json.decode(json.encode({[1.5] = 1, ['1.25'] = 2}))['1.5']",
+       "json.encode: two keys of a table are written as the member name '1' | "
+       "json.encode: two keys of a table are written as the member name '0.1' | 1"},
       {"return select(2, pcall(json.encode, json.array({[1 << 22] = 1})))",
        "json.encode: array too sparse (index 4194304 with 1 elements)"},
       {"return select(2, pcall(json.decode)), select(2, pcall(json.decode, 5))",
