@@ -70,6 +70,8 @@ class Containment : public ::testing::Test {
         "while true do pcall(coroutine.wrap(function() while true do end end)) end",
         "local ok = http.get{url = '" + servers_->peer.Url("/slow-head") + "', timeout = 60000} return 'unblocked'",
         "http.get{url = 'http://never.answers.test/', timeout = 60000} return 'unblocked'",
+        "http.requestAll{{url = '" + servers_->peer.Url("/slow-head") + "', timeout = 60000}, {url = '" +
+            servers_->peer.Url("/slow-head") + "', timeout = 60000}} return 'unblocked'",
     };
   }
 
