@@ -178,8 +178,19 @@ TEST(Closures, CallTheirFunctionUntilCollectedWhateverScriptsDoToTheirUserdata) 
   };
   for (const auto& [code, expected] : cases) EXPECT_EQ(Eval(rt, code), expected) << code;
   EXPECT_EQ(counter.use_count(), 3);
-  EXPECT_EQ(Eval(rt, "debug.setupvalue(swapped, 1, io.stdout) return select(2, pcall(swapped, 1))"),
-            "Cpp: native closure without its function");
+  // Neither a userdata of another size nor one of the same size that some
+  // other finalizer owns passes for the function.
+  lua_State* L = rt->State();
+  lua_newuserdata(L, sizeof(lua::NativeFunction));
+  lua_createtable(L, 0, 1);
+  lua_pushcfunction(L, [](lua_State*) { return 0; });
+  lua_setfield(L, -2, "__gc");
+  lua_setmetatable(L, -2);
+  lua_setglobal(L, "impostor");
+  for (const char* other : {"io.stdout", "impostor"}) {
+    EXPECT_EQ(Eval(rt, std::string("debug.setupvalue(swapped, 1, ") + other + ") return select(2, pcall(swapped, 1))"),
+              "Cpp: native closure without its function");
+  }
   rt->RunString("bump, released, swapped = nil", true);
   rt->CollectGarbage();
   EXPECT_EQ(counter.use_count(), 1);
