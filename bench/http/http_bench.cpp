@@ -299,7 +299,7 @@ void BM_Download1GBToFile(benchmark::State& state, const char* who) {
   const std::string placement = Place(state, true);
   const std::string url = TheSite().Url("/1g");
   const std::string path = TheSite().DownloadPath(who);
-  for (auto _ : state) {
+  const auto download = [&] {
     bool ok;
     if (std::string(who) == "script-outputFile") {
       ok = TheScripts().Fetch("to_file", url, path) == 0;
@@ -314,7 +314,20 @@ void BM_Download1GBToFile(benchmark::State& state, const char* who) {
       if (file != nullptr) ok = fclose(file) == 0 && ok;
     }
     struct stat status;
-    if (!ok || stat(path.c_str(), &status) != 0 || static_cast<uint64_t>(status.st_size) != kFileBytes) {
+    return ok && stat(path.c_str(), &status) == 0 && static_cast<uint64_t>(status.st_size) == kFileBytes;
+  };
+  // Two downloads first, untimed: memory that a fresh machine touches for the
+  // first time costs about twice as much to write (the hypervisor backs the
+  // pages then), and whichever side ran first paid for it. outputFile keeps
+  // the old file until the new one is complete, so it touches two gigabytes.
+  for (int warm = 0; warm < 2; ++warm) {
+    if (!download()) {
+      Check(false, state, "download to file failed");
+      return;
+    }
+  }
+  for (auto _ : state) {
+    if (!download()) {
       Check(false, state, "download to file failed");
       break;
     }
