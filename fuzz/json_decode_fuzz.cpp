@@ -1,9 +1,9 @@
 // json.decode on arbitrary bytes, through a runtime as scripts call it. It
 // must never crash, must agree with utils::CheckJsonText on what is JSON, and
 // whatever it decodes must encode and decode again to the same value. The
-// same bytes also serve as a recipe for a script table of mixed keys, which
-// json.encode must write without losing a key or refuse with an error that
-// says why. Each input must finish within a time linear in its size.
+// same bytes also serve as a recipe for a script table of mixed keys (some
+// numbers and strings with the same text), which json.encode must write
+// without losing a key or refuse with an error that says why. Each input must finish within a time linear in its size.
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -41,7 +41,7 @@ local function plain(v)
   return keyed
 end
 
-local KEYS = {1, 2, 3, 4, 5, 8, 33, 40, 1000000000, 0, -1, 1.5, 'x', 'y', '', 'k1'}
+local KEYS = {1, 2, 3, 4, 5, 8, 33, 40, 1000000000, 0, -1, 1.5, 'x', 'y', '', 'k1', '1', '1.5'}
 local VALUES = {0, -7, 2.5, 'v', true, false, json.null, math.huge, -math.huge, 1e300, 2^53}
 local pos = 0
 local function nextByte() pos = pos + 1 return text:byte(pos) or 0 end
@@ -61,7 +61,8 @@ local mixed = recipe(0)
 local ok, encoded = pcall(json.encode, mixed)
 if ok then
   if not same(plain(mixed), plain(json.decode(encoded))) then error('lost a key: ' .. encoded) end
-elseif not (encoded:find('has the key', 1, true) or encoded:find('too sparse', 1, true)) then
+elseif not (encoded:find('has the key', 1, true) or encoded:find('too sparse', 1, true) or
+            encoded:find('written as the member name', 1, true)) then
   error('mixed table refused: ' .. encoded)
 end
 
