@@ -118,9 +118,26 @@ lua_Integer CountLive(lua_State* L, int batch, lua_Integer limit) {
   return live;
 }
 
+// The number of sealed batches of the set at `set`. A script that reaches
+// the registry (debug.getregistry) can write anything into a set: the count
+// is taken no further than the set's entries go, so that a loop over them
+// ends, and a batch that is not a table is skipped where one is read.
+lua_Integer SealedCount(lua_State* L, int set) {
+  const lua_Integer n = ReadSlot(L, set, kSealedSlot);
+  return std::max<lua_Integer>(0, std::min<lua_Integer>(n, static_cast<lua_Integer>(lua_rawlen(L, set) / 2)));
+}
+
+// The open batch's count. A decode that takes it to kSealCount seals the
+// batch, so a stored count is below that; anything else was written by a
+// script and counts as 0.
+lua_Integer OpenCount(lua_State* L, int set) {
+  const lua_Integer count = ReadSlot(L, set, kOpenCountSlot);
+  return count >= 0 && count < kSealCount ? count : 0;
+}
+
 // Appends the batch at `batch` with `size` entries to the sealed ones.
 void AppendSealed(lua_State* L, int set, int batch, lua_Integer size) {
-  const lua_Integer n = ReadSlot(L, set, kSealedSlot) + 1;
+  const lua_Integer n = SealedCount(L, set) + 1;
   lua_pushvalue(L, batch);
   lua_rawseti(L, set, 2 * n - 1);
   WriteSlot(L, set, 2 * n, size);
@@ -134,7 +151,7 @@ void AppendSealed(lua_State* L, int set, int batch, lua_Integer size) {
 // first: making tables here may run a finalizer that decodes and seals.
 void Prune(lua_State* L, int set) {
   luaL_checkstack(L, RunTime::kPushHeadroom, "json annotations");
-  const lua_Integer n = ReadSlot(L, set, kSealedSlot);
+  const lua_Integer n = SealedCount(L, set);
   lua_createtable(L, static_cast<int>(2 * n), 0);
   const int old = lua_gettop(L);
   for (lua_Integer i = 1; i <= 2 * n; ++i) {
@@ -148,7 +165,10 @@ void Prune(lua_State* L, int set) {
   const int merged = lua_gettop(L);
   lua_Integer mergedSize = 0;
   for (lua_Integer b = 1; b <= n; ++b) {
-    lua_rawgeti(L, old, 2 * b - 1);
+    if (lua_rawgeti(L, old, 2 * b - 1) != LUA_TTABLE) {
+      lua_pop(L, 1);
+      continue;
+    }
     const int batch = lua_gettop(L);
     const lua_Integer size = ReadSlot(L, old, 2 * b);
     const lua_Integer limit = size / 4 + 1;
@@ -163,7 +183,7 @@ void Prune(lua_State* L, int set) {
   }
   if (mergedSize > 0) AppendSealed(L, set, merged, mergedSize);
   lua_pop(L, 2);
-  WriteSlot(L, set, kPruneSlot, std::max(kMinPruneBatches, 2 * ReadSlot(L, set, kSealedSlot)));
+  WriteSlot(L, set, kPruneSlot, std::max(kMinPruneBatches, 2 * SealedCount(L, set)));
 }
 
 }  // namespace
@@ -188,7 +208,7 @@ DeferredAnnotations::DeferredAnnotations(lua_State* L, bool nested) : L_(L) {
     sets_[type] = lua_gettop(L_);
     PushOpenBatch(L_, sets_[type]);
     lists_[type] = lua_gettop(L_);
-    counts_[type] = ReadSlot(L_, sets_[type], kOpenCountSlot);
+    counts_[type] = OpenCount(L_, sets_[type]);
   }
 }
 
@@ -226,7 +246,7 @@ void DeferredAnnotations::Finish() {
       WriteSlot(L_, set, kOpenCountSlot, 0);
     }
     AppendSealed(L_, set, list, count);
-    if (ReadSlot(L_, set, kSealedSlot) >= ReadSlot(L_, set, kPruneSlot)) Prune(L_, set);
+    if (SealedCount(L_, set) >= ReadSlot(L_, set, kPruneSlot)) Prune(L_, set);
   }
 }
 
@@ -246,7 +266,7 @@ void FlushDeferredAnnotations(lua_State* L, int metas) {
     PushSharedMetadata(L, type);
     const int metadata = lua_gettop(L);
 
-    const lua_Integer n = ReadSlot(L, set, kSealedSlot);
+    const lua_Integer n = SealedCount(L, set);
     if (n > 0) {
       lua_createtable(L, static_cast<int>(n), 0);
       const int sealed = lua_gettop(L);
@@ -261,10 +281,17 @@ void FlushDeferredAnnotations(lua_State* L, int metas) {
       WriteSlot(L, set, kSealedSlot, 0);
       WriteSlot(L, set, kPruneSlot, kMinPruneBatches);
       for (lua_Integer b = 1; b <= n; ++b) {
-        lua_rawgeti(L, sealed, b);
+        if (lua_rawgeti(L, sealed, b) != LUA_TTABLE) {
+          lua_pop(L, 1);
+          continue;
+        }
         const int batch = lua_gettop(L);
         lua_pushnil(L);
         while (lua_next(L, batch) != 0) {  // [batch, key, table]
+          if (lua_type(L, -1) != LUA_TTABLE) {
+            lua_pop(L, 1);
+            continue;
+          }
           lua_pushvalue(L, metadata);
           lua_rawset(L, metas);
         }
@@ -275,9 +302,9 @@ void FlushDeferredAnnotations(lua_State* L, int metas) {
 
     if (lua_rawgeti(L, set, kOpenSlot) == LUA_TTABLE) {
       const int list = lua_gettop(L);
-      const lua_Integer count = ReadSlot(L, set, kOpenCountSlot);
+      const lua_Integer count = OpenCount(L, set);
       for (lua_Integer i = 1; i <= count; ++i) {
-        if (lua_rawgeti(L, list, i) == LUA_TNIL) {
+        if (lua_rawgeti(L, list, i) != LUA_TTABLE) {
           lua_pop(L, 1);
           continue;
         }
@@ -292,7 +319,8 @@ void FlushDeferredAnnotations(lua_State* L, int metas) {
       const bool open = lua_rawequal(L, -1, list) != 0;
       lua_pop(L, 1);
       if (open && count > 0) {
-        const lua_Integer now = ReadSlot(L, set, kOpenCountSlot);
+        lua_Integer now = ReadSlot(L, set, kOpenCountSlot);
+        if (now < count || now >= kSealCount) now = count;
         for (lua_Integer i = count + 1; i <= now; ++i) {
           lua_rawgeti(L, list, i);
           lua_rawseti(L, list, i - count);
