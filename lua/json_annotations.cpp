@@ -144,23 +144,32 @@ void AppendSealed(lua_State* L, int set, int batch, lua_Integer size) {
   WriteSlot(L, set, kSealedSlot, n);
 }
 
-// Drops the sealed batches whose tables have all been collected, and moves
-// the live tables of those the collector has thinned to under a quarter into
-// one merged batch, so that keeping a table or two of every document costs
-// one batch rather than one each. The batches are taken out of the set
-// first: making tables here may run a finalizer that decodes and seals.
-void Prune(lua_State* L, int set) {
-  luaL_checkstack(L, RunTime::kPushHeadroom, "json annotations");
+// Moves the sealed batches of the set at `set`, with their sizes, into a new
+// table that it pushes, and returns their number. Whoever walks them next
+// may make tables, and so run a finalizer that decodes and seals: that one
+// finds the set empty rather than half walked.
+lua_Integer TakeSealed(lua_State* L, int set) {
   const lua_Integer n = SealedCount(L, set);
   lua_createtable(L, static_cast<int>(2 * n), 0);
-  const int old = lua_gettop(L);
+  const int taken = lua_gettop(L);
   for (lua_Integer i = 1; i <= 2 * n; ++i) {
     lua_rawgeti(L, set, i);
-    lua_rawseti(L, old, i);
+    lua_rawseti(L, taken, i);
     lua_pushnil(L);
     lua_rawseti(L, set, i);
   }
   WriteSlot(L, set, kSealedSlot, 0);
+  return n;
+}
+
+// Drops the sealed batches whose tables have all been collected, and moves
+// the live tables of those the collector has thinned to under a quarter into
+// one merged batch, so that keeping a table or two of every document costs
+// one batch rather than one each.
+void Prune(lua_State* L, int set) {
+  luaL_checkstack(L, RunTime::kPushHeadroom, "json annotations");
+  const lua_Integer n = TakeSealed(L, set);
+  const int old = lua_gettop(L);
   NewBatch(L, 0);
   const int merged = lua_gettop(L);
   lua_Integer mergedSize = 0;
@@ -223,10 +232,8 @@ void DeferredAnnotations::Add(int index, int type) {
   lua_rawseti(L_, list, ++counts_[type]);
 }
 
-// Compacting one list in place, or copying its live entries on, costs in
-// proportion to every table still listed at each compaction; sealed batches
-// cost nothing until pruned, and a batch whose document was dropped is
-// dropped whole.
+// A sealed batch costs nothing until a prune, which drops it whole once its
+// document is collected: no entry is copied for a table that is gone.
 void DeferredAnnotations::Finish() {
   for (int type = 0; type < 2; ++type) {
     const int set = sets_[type];
@@ -251,10 +258,10 @@ void DeferredAnnotations::Finish() {
 }
 
 // For each kind: every live table of the sealed batches, then of the open
-// batch below its stored count, gets metas[table] = metadata. The sealed
-// batches are taken out of the set first and the open batch's entries are
-// cleared as they are recorded: growing the table of metadata may run a
-// finalizer that decodes, and what it lists stays for the next flush.
+// batch below its stored count, gets metas[table] = metadata. The open
+// batch's entries are cleared as they are recorded: growing the table of
+// metadata may run a finalizer that decodes, and what it lists stays for the
+// next flush.
 void FlushDeferredAnnotations(lua_State* L, int metas) {
   luaL_checkstack(L, RunTime::kPushHeadroom, "json annotations");
   for (int type = 0; type < 2; ++type) {
@@ -266,39 +273,27 @@ void FlushDeferredAnnotations(lua_State* L, int metas) {
     PushSharedMetadata(L, type);
     const int metadata = lua_gettop(L);
 
-    const lua_Integer n = SealedCount(L, set);
-    if (n > 0) {
-      lua_createtable(L, static_cast<int>(n), 0);
-      const int sealed = lua_gettop(L);
-      for (lua_Integer b = 1; b <= n; ++b) {
-        lua_rawgeti(L, set, 2 * b - 1);
-        lua_rawseti(L, sealed, b);
-        lua_pushnil(L);
-        lua_rawseti(L, set, 2 * b - 1);
-        lua_pushnil(L);
-        lua_rawseti(L, set, 2 * b);
+    const lua_Integer n = TakeSealed(L, set);
+    const int sealed = lua_gettop(L);
+    WriteSlot(L, set, kPruneSlot, kMinPruneBatches);
+    for (lua_Integer b = 1; b <= n; ++b) {
+      if (lua_rawgeti(L, sealed, 2 * b - 1) != LUA_TTABLE) {
+        lua_pop(L, 1);
+        continue;
       }
-      WriteSlot(L, set, kSealedSlot, 0);
-      WriteSlot(L, set, kPruneSlot, kMinPruneBatches);
-      for (lua_Integer b = 1; b <= n; ++b) {
-        if (lua_rawgeti(L, sealed, b) != LUA_TTABLE) {
+      const int batch = lua_gettop(L);
+      lua_pushnil(L);
+      while (lua_next(L, batch) != 0) {  // [batch, key, table]
+        if (lua_type(L, -1) != LUA_TTABLE) {
           lua_pop(L, 1);
           continue;
         }
-        const int batch = lua_gettop(L);
-        lua_pushnil(L);
-        while (lua_next(L, batch) != 0) {  // [batch, key, table]
-          if (lua_type(L, -1) != LUA_TTABLE) {
-            lua_pop(L, 1);
-            continue;
-          }
-          lua_pushvalue(L, metadata);
-          lua_rawset(L, metas);
-        }
-        lua_pop(L, 1);
+        lua_pushvalue(L, metadata);
+        lua_rawset(L, metas);
       }
       lua_pop(L, 1);
     }
+    lua_pop(L, 1);
 
     if (lua_rawgeti(L, set, kOpenSlot) == LUA_TTABLE) {
       const int list = lua_gettop(L);

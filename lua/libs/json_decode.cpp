@@ -470,7 +470,7 @@ class Decoder {
                          static_cast<unsigned char>(text.back())) %
                         kStringCacheSize;
     CachedString& cached = strings_[slot];
-    if (cached.size == text.size() && SameBytes(cached.data, text.data(), text.size())) {
+    if (cached.size == text.size() && std::memcmp(cached.data, text.data(), text.size()) == 0) {
       lua_rawgeti(L_, stringCache_, static_cast<lua_Integer>(slot) + 1);
       return;
     }
@@ -478,34 +478,6 @@ class Decoder {
     cached.size = text.size();
     lua_pushvalue(L_, -1);
     lua_rawseti(L_, stringCache_, static_cast<lua_Integer>(slot) + 1);
-  }
-
-  // memcmp for the short strings of the cache, without the call: words that
-  // overlap in the middle, and never a byte past either end.
-  static bool SameBytes(const char* a, const char* b, size_t size) {
-    const auto load8 = [](const char* p) {
-      uint64_t v;
-      std::memcpy(&v, p, sizeof v);
-      return v;
-    };
-    if (size >= 8) {
-      for (size_t i = 0; i + 8 < size; i += 8) {
-        if (load8(a + i) != load8(b + i)) return false;
-      }
-      return load8(a + size - 8) == load8(b + size - 8);
-    }
-    if (size >= 4) {
-      uint32_t x, y, z, w;
-      std::memcpy(&x, a, 4);
-      std::memcpy(&y, b, 4);
-      std::memcpy(&z, a + size - 4, 4);
-      std::memcpy(&w, b + size - 4, 4);
-      return x == y && z == w;
-    }
-    for (size_t i = 0; i < size; ++i) {
-      if (a[i] != b[i]) return false;
-    }
-    return true;
   }
 
   struct CachedString {
